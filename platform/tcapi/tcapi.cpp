@@ -1,0 +1,267 @@
+// The configuration tree of the gateway, kept in one text file:
+//
+//   [Node]
+//   Attribute=value
+//
+// Values are escaped so that each stays on one line (\\, \n, \r). Lines that
+// are neither a node header nor an attribute are ignored, so a damaged tree
+// still reads as far as it makes sense. Writers serialise on a lock file and
+// rename a complete new file into place.
+#include "tcapi.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+struct Node {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> attrs;
+};
+
+bool ValidName(const char* name) {
+  if (name == nullptr || *name == '\0') return false;
+  for (const char* p = name; *p; ++p) {
+    unsigned char c = static_cast<unsigned char>(*p);
+    if (c <= ' ' || c == 0x7f || c == '[' || c == ']' || c == '=' || c == '/') return false;
+  }
+  return true;
+}
+
+std::string Escape(const char* value) {
+  std::string out;
+  for (const char* p = value; *p; ++p) {
+    switch (*p) {
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      default:
+        out += *p;
+    }
+  }
+  return out;
+}
+
+std::string Unescape(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 1 < text.size()) {
+      char c = text[++i];
+      out += c == 'n' ? '\n' : c == 'r' ? '\r' : c;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+// Reads the whole tree; a missing file is an empty tree.
+std::vector<Node> ReadTree() {
+  std::vector<Node> tree;
+  FILE* f = fopen(TCAPI_TREE_PATH, "re");
+  if (f == nullptr) return tree;
+  std::string line;
+  int c;
+  Node* current = nullptr;
+  do {
+    c = fgetc(f);
+    if (c != '\n' && c != EOF) {
+      line += static_cast<char>(c);
+      continue;
+    }
+    if (line.size() > 2 && line.front() == '[' && line.back() == ']') {
+      tree.push_back(Node{line.substr(1, line.size() - 2), {}});
+      current = &tree.back();
+    } else if (current != nullptr) {
+      size_t eq = line.find('=');
+      if (eq != std::string::npos && eq > 0) {
+        current->attrs.emplace_back(line.substr(0, eq), Unescape(line.substr(eq + 1)));
+      }
+    }
+    line.clear();
+  } while (c != EOF);
+  fclose(f);
+  return tree;
+}
+
+bool WriteAll(int fd, const std::string& data) {
+  size_t done = 0;
+  while (done < data.size()) {
+    ssize_t n = write(fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool WriteTree(const std::vector<Node>& tree) {
+  std::string text;
+  for (const Node& node : tree) {
+    text += "[" + node.name + "]\n";
+    for (const auto& attr : node.attrs)
+      text += attr.first + "=" + Escape(attr.second.c_str()) + "\n";
+  }
+  const char* tmp = TCAPI_TREE_PATH ".tmp";
+  int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  bool ok = WriteAll(fd, text) && fsync(fd) == 0;
+  ok = close(fd) == 0 && ok;
+  if (ok && rename(tmp, TCAPI_TREE_PATH) == 0) return true;
+  unlink(tmp);
+  return false;
+}
+
+// Holds the writers' lock of the tree for its lifetime.
+class TreeLock {
+ public:
+  TreeLock() : fd_(open(TCAPI_LOCK_PATH, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    if (fd_ >= 0) {
+      while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+      }
+    }
+  }
+  ~TreeLock() {
+    if (fd_ >= 0) close(fd_);
+  }
+  TreeLock(const TreeLock&) = delete;
+  TreeLock& operator=(const TreeLock&) = delete;
+  bool held() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+Node* FindNode(std::vector<Node>& tree, const char* name) {
+  for (Node& node : tree) {
+    if (node.name == name) return &node;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+extern "C" int tcapi_nget(const char* node, const char* attr, char* buf, size_t size) {
+  if (buf == nullptr || size == 0) return -1;
+  buf[0] = '\0';
+  if (!ValidName(node) || !ValidName(attr)) return -1;
+  std::vector<Node> tree = ReadTree();
+  Node* found = FindNode(tree, node);
+  if (found == nullptr) return -1;
+  for (const auto& a : found->attrs) {
+    if (a.first == attr) {
+      size_t n = a.second.size() < size - 1 ? a.second.size() : size - 1;
+      memcpy(buf, a.second.data(), n);
+      buf[n] = '\0';
+      return 0;
+    }
+  }
+  return -1;
+}
+
+extern "C" int tcapi_set(const char* node, const char* attr, const char* value) {
+  if (!ValidName(node) || !ValidName(attr) || value == nullptr) return -1;
+  TreeLock lock;
+  if (!lock.held()) return -1;
+  std::vector<Node> tree = ReadTree();
+  Node* found = FindNode(tree, node);
+  if (found == nullptr) {
+    tree.push_back(Node{node, {}});
+    found = &tree.back();
+  }
+  bool replaced = false;
+  for (auto& a : found->attrs) {
+    if (a.first == attr) {
+      a.second = value;
+      replaced = true;
+    }
+  }
+  if (!replaced) found->attrs.emplace_back(attr, value);
+  return WriteTree(tree) ? 0 : -1;
+}
+
+extern "C" int tcapi_unset(const char* node, const char* attr) {
+  if (!ValidName(node) || (attr != nullptr && !ValidName(attr))) return -1;
+  TreeLock lock;
+  if (!lock.held()) return -1;
+  std::vector<Node> tree = ReadTree();
+  bool removed = false;
+  for (size_t i = 0; i < tree.size(); ++i) {
+    if (tree[i].name != node) continue;
+    if (attr == nullptr) {
+      tree.erase(tree.begin() + static_cast<long>(i));
+      removed = true;
+      break;
+    }
+    auto& attrs = tree[i].attrs;
+    for (size_t j = 0; j < attrs.size(); ++j) {
+      if (attrs[j].first == attr) {
+        attrs.erase(attrs.begin() + static_cast<long>(j));
+        removed = true;
+        break;
+      }
+    }
+  }
+  if (!removed) return -1;
+  return WriteTree(tree) ? 0 : -1;
+}
+
+extern "C" int tcapi_commit(const char* node) {
+  if (!ValidName(node)) return -1;
+  std::string hook = std::string(TCAPI_HOOK_DIR) + "/" + node;
+  if (access(hook.c_str(), X_OK) != 0) return 0;
+  char* argv[] = {const_cast<char*>(hook.c_str()), const_cast<char*>(node), nullptr};
+  pid_t pid;
+  if (posix_spawn(&pid, hook.c_str(), nullptr, nullptr, argv, environ) != 0) return -1;
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
+}
+
+extern "C" int tcdbg_printf(const char* format, ...) {
+  char small[1024];
+  va_list ap;
+  va_start(ap, format);
+  int n = vsnprintf(small, sizeof small, format, ap);
+  va_end(ap);
+  if (n < 0) return n;
+  std::string big;
+  const char* text = small;
+  if (static_cast<size_t>(n) >= sizeof small) {
+    big.resize(static_cast<size_t>(n) + 1);
+    va_start(ap, format);
+    vsnprintf(&big[0], big.size(), format, ap);
+    va_end(ap);
+    text = big.c_str();
+  }
+  size_t done = 0;
+  while (done < static_cast<size_t>(n)) {
+    ssize_t w = write(STDERR_FILENO, text + done, static_cast<size_t>(n) - done);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) break;
+    done += static_cast<size_t>(w);
+  }
+  return n;
+}

@@ -1,0 +1,171 @@
+// watchdogd entry: start-up in a fixed order, then the command loop that
+// serves /tmp/watchdog_sock for the rest of the process's life.
+//
+// The main thread is the only reader of the command socket. It turns each
+// command into an event on a module channel, starts a module thread, answers a
+// query on /tmp/wd_result_sock, or sets sngReload.
+#include <errno.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "libwdfunc.h"
+#include "tcapi.h"
+#include "wd_common.h"
+
+namespace {
+
+// The receive length word handed to every wdmsg_receive call.
+constexpr int kCmdRecvLen = 500;
+// The wait of one loop round: the millisecond count 2^32 - 101.
+constexpr unsigned long kCmdWaitMs = 4294967195UL;
+
+// Descriptors 0 to 2 must be open: a channel socket that got descriptor 0
+// would look like "no channel" to wd_simpleSendMsg.
+void ReserveStdDescriptors() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
+      int null = open("/dev/null", O_RDWR);
+      if (null >= 0 && null != fd) close(null);
+    }
+  }
+}
+
+void WritePidFile() {
+  char cmd[128];
+  snprintf(cmd, sizeof cmd, "echo %d > /var/run/qorv_watchdogd.pid\n", static_cast<int>(getpid()));
+  int ignored = system(cmd);
+  (void)ignored;
+}
+
+// Module-addressed commands name their module in sequenceNumber; the table has
+// 13 entries and nothing beyond.
+bool KnownModule(const wdCmdMsg* msg) {
+  if (msg->sequenceNumber < WD_MOD_NUM) return true;
+  tcdbg_printf("Invalid module id: %u, command type %u dropped\r\n", msg->sequenceNumber,
+               msg->signaltype);
+  return false;
+}
+
+// Hands the first `want` data bytes of a command to a module; missing bytes are
+// sent as zeros so that the module always receives a whole record.
+void ForwardData(int event, int destMod, wdCmdMsg* msg, unsigned want) {
+  unsigned char data[92] = {0};
+  unsigned have = msg->dataLength < want ? msg->dataLength : want;
+  memcpy(data, wdCmdData(msg), have);
+  wd_simpleSendMsg(event, 0, destMod, data, want);
+}
+
+void AnswerQuery(wdCmdMsg* msg) {
+  bool running = msg->sequenceNumber < WD_MOD_NUM && gSubMod[msg->sequenceNumber].threadId != 0;
+  msg->wordData = running ? 0 : WD_QUERY_NOT_RUNNING;
+  msg->dataLength = 0;
+  WD_TRACE("MSG_QORVWATCHDOG_QUERY wordData=%x", msg->wordData);
+  SendSigToApp(WD_RESULT_SOCK_PATH, msg);
+}
+
+void StartModule(unsigned modId) {
+  if (!wd_isWdEnable() || modId >= WD_MOD_NUM) return;
+  wdSubModEntry& entry = gSubMod[modId];
+  // MOD_DEFAULT has no body, and the resend channel's thread belongs to the
+  // relay, which starts it itself.
+  if (entry.handler == nullptr || modId == MOD_MSG_RESEND) return;
+  pthread_t tid;
+  if (pthread_create(&tid, nullptr, entry.handler, reinterpret_cast<void*>(60)) == 0) {
+    entry.threadId = tid;
+  }
+}
+
+void DispatchCommand(wdCmdMsg* msg) {
+  static const int kEventOfType[] = {
+      0,          CONFIG_CHANGE, 0, THREAD_EXIT, 0, GET_INFORM, GET_INFORM_RESPONSE, CR_NAME_CHANGE,
+      NAME_CHANGE};
+  uint32_t type = msg->signaltype;
+  switch (type) {
+    case MSG_QORVWATCHDOG_CONFIG_CHANGE:
+    case MSG_QORVWATCHDOG_THREAD_EXIT:
+    case MSG_QORVWATCHDOG_GET_INFORM:
+    case MSG_QORVWATCHDOG_GET_INFORM_RESPONSE:
+    case MSG_QORVWATCHDOG_CR_NAME_CHANGE:
+    case MSG_QORVWATCHDOG_NAME_CHANGE:
+      if (KnownModule(msg))
+        wd_simpleSendMsg(kEventOfType[type], 0, msg->sequenceNumber, nullptr, 0);
+      break;
+    case MSG_QORVWATCHDOG_THREAD_START:
+      StartModule(msg->sequenceNumber);
+      break;
+    case MSG_QORVWATCHDOG_QUERY:
+      if (msg->wordData == 0) {
+        AnswerQuery(msg);
+      } else if (msg->wordData == 1 && msg->dataLength >= 2) {
+        if (msg->sequenceNumber == MOD_VOIP_REGISTER)
+          ForwardData(RECEIVE_FROM, MOD_VOIP_REGISTER, msg, 8);
+        if (msg->sequenceNumber == MOD_VOIP_STATS)
+          ForwardData(RECEIVE_FROM, MOD_VOIP_STATS, msg, 92);
+      }
+      break;
+    case MSG_QORVWATCHDOG_MONITOR_DATA:
+      ForwardData(MONITOR_DATA, MOD_MONITOR, msg, 8);
+      break;
+    case MSG_QORVWATCHDOG_SYSLOG_RELOAD:
+    case MSG_QORVWATCHDOG_SYSLOG_RELOAD_2:
+      sngReload = 1;
+      break;
+    default:
+      tcdbg_printf("Invalid message type: 0x%08X\r\n", type);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ReserveStdDescriptors();
+  WritePidFile();
+
+  int opt;
+  while ((opt = getopt(argc, argv, "d")) != -1) {
+    tcdbg_printf("\r\n main  while !=-1\r\n");
+    debuglevel = opt == 'd' ? 1 : 0;
+  }
+
+  sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  int cmdFd = WDSockInit(WD_CMD_SOCK_PATH, &addr);
+  if (cmdFd == -1) {
+    tcdbg_printf("\r\n WDSockInit failed\r\n");
+    return -1;
+  }
+
+  mkdir("/var/wd_tmp", 0777);
+
+  int recvLen = kCmdRecvLen;
+  for (;;) {
+    fd_set readSet;
+    FD_ZERO(&readSet);
+    FD_SET(cmdFd, &readSet);
+    timeval limit;
+    limit.tv_sec = static_cast<time_t>(kCmdWaitMs / 1000);
+    limit.tv_usec = static_cast<suseconds_t>(kCmdWaitMs % 1000 * 1000);
+    int ready = select(cmdFd + 1, &readSet, nullptr, nullptr, &limit);
+    if (ready <= 0 || !FD_ISSET(cmdFd, &readSet)) continue;
+    WD_TRACE("wd_main while  select ok");
+
+    wdCmdMsg* msg = static_cast<wdCmdMsg*>(calloc(1, sizeof(wdCmdMsg)));
+    if (msg == nullptr) continue;
+    int result = wdmsg_receive(cmdFd, &msg, &recvLen, &addr);
+    if (result == 0) {
+      WD_TRACE("wd_main signaltype=%x", msg->signaltype);
+      WD_TRACE("wd_main sequenceNumber=%x", msg->sequenceNumber);
+      WD_TRACE("wd_main wordData=%x", msg->wordData);
+      WD_TRACE("wd_main dataLength=%x", msg->dataLength);
+      DispatchCommand(msg);
+    } else {
+      tcdbg_printf("iReadLen=%d\t%s\n", result, result < 0 ? strerror(errno) : "");
+    }
+    free(msg);
+  }
+}

@@ -1,0 +1,115 @@
+// Test harness for integration tests. Each test runs inside its own
+// throw-away gateway (gateway/gw-run), where the installed daemon is
+// /opt/watchdogd/sbin/watchdogd. Tests drive the daemon only from outside:
+// the command socket, the tools, channel paths, the console and its files.
+#ifndef WATCHDOGD_TESTS_INTEGRATION_GATEWAY_H
+#define WATCHDOGD_TESTS_INTEGRATION_GATEWAY_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "libwdfunc.h"
+#include "wd_types.h"
+
+namespace gw {
+
+constexpr const char* kDaemon = "/opt/watchdogd/sbin/watchdogd";
+constexpr const char* kDaemonStderr = "/gw/watchdogd.stderr";
+
+// Options for running a process under libfaketime: the clock runs `speed`
+// times faster and sleeps are that much shorter.
+std::vector<std::string> FakeTimeEnv(int speed);
+
+// The daemon as a child process, its standard error captured in kDaemonStderr.
+class Daemon {
+ public:
+  Daemon() = default;
+  ~Daemon() { Kill(); }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  // Starts the daemon; with `waitReady`, returns once start-up has finished
+  // (/var/wd_tmp exists: it is removed before the start). Returns false if it
+  // did not get there.
+  bool Start(const std::vector<std::string>& args = {}, bool waitReady = true,
+             const std::vector<std::string>& env = {});
+  // Waits for the daemon to end by itself; returns its exit status, or -1.
+  int Wait(int timeoutMs);
+  void Kill();
+  bool Running() const;
+  pid_t pid() const { return pid_; }
+  std::string Stderr() const;
+
+ private:
+  pid_t pid_ = -1;
+};
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& text);
+bool Exists(const std::string& path);
+// Polls `done` every 20 ms until it holds or `timeoutMs` has passed.
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 10000);
+
+// The captured debug console (/dev/console of the gateway).
+std::string Console();
+void ClearConsole();
+
+// Sends raw bytes, or a command, to the daemon's command socket.
+bool SendRaw(const void* bytes, size_t len);
+bool SendCommand(uint32_t type, uint16_t mod, uint32_t word = 0,
+                 const std::vector<unsigned char>& data = {});
+// Like SendCommand with a dataLength that need not match the data sent.
+bool SendCommandWithLength(uint32_t type, uint16_t mod, uint32_t word, uint32_t dataLength,
+                           const std::vector<unsigned char>& data);
+
+// The query reply socket /tmp/wd_result_sock.
+class ResultSocket {
+ public:
+  ResultSocket();
+  ~ResultSocket();
+  ResultSocket(const ResultSocket&) = delete;
+  ResultSocket& operator=(const ResultSocket&) = delete;
+  // Receives one reply; false when none came within `timeoutMs`.
+  bool Receive(wdCmdMsg* reply, int timeoutMs = 5000);
+  // Queries `mod` and returns the reply's wordData, or -1 without reply.
+  long Query(uint16_t mod, int timeoutMs = 5000);
+
+ private:
+  int fd_;
+};
+
+// Takes over a module's channel path: the daemon sends a module's events to
+// that path through the module's own socket, so a socket bound there now
+// receives them instead of the module.
+class ChannelTap {
+ public:
+  explicit ChannelTap(const std::string& path);
+  ~ChannelTap();
+  ChannelTap(const ChannelTap&) = delete;
+  ChannelTap& operator=(const ChannelTap&) = delete;
+  // Receives one datagram; returns its size, or -1 when none came in time.
+  ssize_t Receive(wdMsg* msg, int timeoutMs = 5000);
+
+ private:
+  int fd_;
+};
+
+struct RunResult {
+  int status;          // exit status, or -1
+  std::string output;  // standard output and standard error together
+};
+// Runs a shell command line inside the gateway.
+RunResult Run(const std::string& command);
+
+// Sets configuration values through the tree shared with the daemon.
+void SetConfig(const std::string& node, const std::string& attr, const std::string& value);
+
+// Number of occurrences of `needle` in `text`.
+size_t Count(const std::string& text, const std::string& needle);
+
+}  // namespace gw
+
+#endif  // WATCHDOGD_TESTS_INTEGRATION_GATEWAY_H
