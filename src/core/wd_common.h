@@ -24,6 +24,12 @@ void wd_dbgTrace(const char* func, int line, const char* format, ...)
     if (debuglevel > 0) wd_dbgTrace(__func__, __LINE__, __VA_ARGS__); \
   } while (0)
 
+// WD_TRACE in the name of another function (a module's handler).
+#define WD_TRACE_AS(func, ...)                                    \
+  do {                                                            \
+    if (debuglevel > 0) wd_dbgTrace(func, __LINE__, __VA_ARGS__); \
+  } while (0)
+
 // Writes the formatted text to /dev/console whatever the debug level, in the
 // trace form (with the function and line prefix).
 #define WD_CONSOLE(...) wd_dbgTrace(__func__, __LINE__, __VA_ARGS__)
@@ -48,5 +54,60 @@ int wd_simpleSendMsg(int eventType, int srcMod, int destMod, const void* data, u
 
 // Sets `tv` to `seconds` and 0 microseconds; returns 0.
 int wd_initTimeVal(struct timeval* tv, int seconds);
+
+// Starts `body` in a new thread with round-robin real-time scheduling at
+// priority 75. Where that is refused, starts it with default attributes and
+// says so once per process on the debug console. Returns pthread_create's result.
+int wd_createRtThread(pthread_t* tid, void* (*body)(void*), void* arg, const char* name);
+
+// A configuration number: the leading decimal digits of `text` (saturating at
+// 4294967295); 0 for an empty or non-numeric text.
+uint32_t wd_parseUnsigned(const char* text);
+// A module period in seconds as the milliseconds the timer service takes,
+// capped where the milliseconds no longer fit an int (about 24.8 days).
+int wd_periodMs(uint32_t seconds);
+
+// ---- Module threads ----
+
+// Fills the channel paths, thread bodies and timer values of entries 0..11.
+// Called once by main; returns 0.
+int wd_initSubModData(void);
+// Starts the module threads that the configuration enables. Returns 0 when the
+// watchdog feature is off, else the result of the last thread creation.
+int wd_creatModThreads(void);
+// Starts the thread of module `modId` (default attributes, argument 60) and
+// stores its id in the entry. Returns pthread_create's result. Main thread.
+int wd_startModThread(int modId);
+// The module's configured period in seconds (0 for none); only reads.
+uint32_t wd_updateModTimer(uint8_t modId);
+// End the calling module thread: stop its periodic (wd_threadExit) or one-shot
+// (wd_pppthreadExit) timer when `timerId` is not 0, clear the module's entry,
+// close its channel. Do not return.
+[[noreturn]] void wd_threadExit(uint8_t modId, int periodicTimerId);
+[[noreturn]] void wd_pppthreadExit(uint8_t modId, int timerId);
+
+// The console texts of a module's loop; they differ slightly between modules.
+// A null text is not written.
+struct wdModLoopText {
+  const char* handlerName;    // function name shown in the loop's traces
+  const char* selectError;    // debug console, with the select result
+  const char* selectTimeout;  // trace
+  const char* noFdInSet;      // debug console
+  const char* mallocFail;     // trace
+  const char* zeroBytes;      // trace
+};
+
+enum wdLoopAction { WD_LOOP_CONTINUE, WD_LOOP_EXIT };
+
+// Opens the channel of `modId` and puts it alone into the entry's fdSet.
+// Returns the descriptor, or -1 when no channel could be made: the module
+// should then end (wd_threadExit), there is nothing it could receive.
+int wd_modOpenChannel(int modId);
+// The common module loop: waits on the channel, receives one wdMsg at a time
+// into a fresh zeroed 8016-byte buffer and hands it to `onMsg`, releasing the
+// buffer afterwards. Returns when `onMsg` answers WD_LOOP_EXIT (THREAD_EXIT);
+// the caller then ends the thread.
+void wd_modLoop(int modId, const wdModLoopText& text, wdLoopAction (*onMsg)(wdMsg* msg, void* ctx),
+                void* ctx);
 
 #endif  // WATCHDOGD_CORE_WD_COMMON_H

@@ -16,6 +16,7 @@
 #include "libwdfunc.h"
 #include "tcapi.h"
 #include "wd_common.h"
+#include "wd_timer.h"
 
 namespace {
 
@@ -74,10 +75,7 @@ void StartModule(unsigned modId) {
   // MOD_DEFAULT has no body, and the resend channel's thread belongs to the
   // relay, which starts it itself.
   if (entry.handler == nullptr || modId == MOD_MSG_RESEND) return;
-  pthread_t tid;
-  if (pthread_create(&tid, nullptr, entry.handler, reinterpret_cast<void*>(60)) == 0) {
-    entry.threadId = tid;
-  }
+  wd_startModThread(static_cast<int>(modId));
 }
 
 void DispatchCommand(wdCmdMsg* msg) {
@@ -140,6 +138,9 @@ int main(int argc, char** argv) {
     return -1;
   }
 
+  wd_timerInit();
+  wd_initSubModData();
+  wd_creatModThreads();
   mkdir("/var/wd_tmp", 0777);
 
   int recvLen = kCmdRecvLen;

@@ -18,6 +18,8 @@
 #include <sstream>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 #include "tcapi.h"
 
 extern char** environ;
@@ -109,6 +111,12 @@ void Daemon::Kill() {
   kill(pid_, SIGKILL);
   waitpid(pid_, nullptr, 0);
   pid_ = -1;
+  // A sanitizer build reports into the daemon's standard error.
+  std::string err = Stderr();
+  if (err.find("Sanitizer") != std::string::npos ||
+      err.find("runtime error:") != std::string::npos) {
+    ADD_FAILURE() << "sanitizer report from watchdogd:\n" << err;
+  }
 }
 
 bool Daemon::Running() const { return pid_ > 0 && kill(pid_, 0) == 0; }
@@ -169,6 +177,43 @@ bool SendCommandWithLength(uint32_t type, uint16_t mod, uint32_t word, uint32_t 
 bool SendCommand(uint32_t type, uint16_t mod, uint32_t word,
                  const std::vector<unsigned char>& data) {
   return SendCommandWithLength(type, mod, word, static_cast<uint32_t>(data.size()), data);
+}
+
+bool SendToChannel(const std::string& path, const void* bytes, size_t len) {
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr = Addr(path);
+  ssize_t n = sendto(fd, bytes, len, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  close(fd);
+  return n == static_cast<ssize_t>(len);
+}
+
+wdMsg Event(int eventType, int destMod, const std::string& payload) {
+  wdMsg msg;
+  memset(&msg, 0, sizeof msg);
+  msg.eventType = eventType;
+  msg.destMod = destMod;
+  memcpy(msg.data, payload.data(),
+         payload.size() < sizeof msg.data ? payload.size() : sizeof msg.data);
+  msg.datalen = static_cast<uint8_t>(payload.size() > 255 ? 255 : payload.size());
+  return msg;
+}
+
+std::vector<int> ThreadPolicies(pid_t pid) {
+  std::vector<int> out;
+  RunResult r = Run("cat /proc/" + std::to_string(pid) + "/task/*/stat");
+  std::istringstream lines(r.output);
+  std::string line;
+  while (std::getline(lines, line)) {
+    // Field 41 is the policy; fields after the ")" that ends the name, from field 3.
+    size_t close = line.rfind(')');
+    if (close == std::string::npos) continue;
+    std::istringstream fields(line.substr(close + 2));
+    std::string field;
+    for (int i = 3; i <= 41 && (fields >> field); ++i) {
+      if (i == 41) out.push_back(std::stoi(field));
+    }
+  }
+  return out;
 }
 
 ResultSocket::ResultSocket() : fd_(BindDgram(WD_RESULT_SOCK_PATH)) {}

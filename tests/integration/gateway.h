@@ -97,6 +97,14 @@ class ChannelTap {
   int fd_;
 };
 
+// Sends raw bytes straight to a channel path, as a foreign local process could.
+bool SendToChannel(const std::string& path, const void* bytes, size_t len);
+// An event record for SendToChannel.
+wdMsg Event(int eventType, int destMod, const std::string& payload = "");
+
+// Scheduling policy (SCHED_OTHER 0, SCHED_RR 2, ...) of each thread of `pid`.
+std::vector<int> ThreadPolicies(pid_t pid);
+
 struct RunResult {
   int status;          // exit status, or -1
   std::string output;  // standard output and standard error together

@@ -1,0 +1,17 @@
+// Thread bodies of the supervision modules (entries 1..11 of gSubMod).
+#ifndef WATCHDOGD_MODULES_WD_MODULES_H
+#define WATCHDOGD_MODULES_WD_MODULES_H
+
+// MOD_SAMPLE: traces every event it receives; runs until the process ends.
+void* mod_sampleHandler(void* arg);
+
+// Stand-in body for a module whose own work is not built yet: the common
+// module loop with the configured periodic timer, ending on THREAD_EXIT and
+// dropping every other event.
+void* wd_placeholderBody(int modId);
+template <int Id>
+void* mod_placeholderHandler(void*) {
+  return wd_placeholderBody(Id);
+}
+
+#endif  // WATCHDOGD_MODULES_WD_MODULES_H

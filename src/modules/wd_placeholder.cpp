@@ -1,0 +1,33 @@
+// Stand-in bodies for modules whose own work is not built yet.
+#include "wd_common.h"
+#include "wd_modules.h"
+#include "wd_timer.h"
+
+namespace {
+
+const wdModLoopText kText = {
+    "mod_placeholderHandler",
+    "Select error, ret=%d\n",
+    "Select timeout!\n",
+    "File discriptor is no in fd set!\n",
+    "[mod_placeholderHandler] malloc fail",
+    "Receieved 0 bytes!\n",
+};
+
+wdLoopAction OnMsg(wdMsg* msg, void*) {
+  return msg->eventType == THREAD_EXIT ? WD_LOOP_EXIT : WD_LOOP_CONTINUE;
+}
+
+}  // namespace
+
+void* wd_placeholderBody(int modId) {
+  uint8_t id = static_cast<uint8_t>(modId);
+  if (wd_modOpenChannel(modId) < 0) wd_threadExit(id, 0);
+  wdSubModEntry& entry = gSubMod[modId];
+  // Modules 1..8 have a period in the configuration; 9 and 10 have none.
+  if (entry.timer == 0 && modId <= MOD_VOIP_REGISTER) entry.timer = wd_updateModTimer(id);
+  int timerId = entry.timer != 0 ? wd_setDefaultPTimer(wd_periodMs(entry.timer), modId) : 0;
+  if (timerId < 0) timerId = 0;
+  wd_modLoop(modId, kText, OnMsg, nullptr);
+  wd_threadExit(id, timerId);
+}

@@ -1,0 +1,39 @@
+// The sample module: the common module loop in its plainest form. It traces
+// every event it receives and handles none, so THREAD_EXIT does not end it.
+#include <stdint.h>
+
+#include "wd_common.h"
+#include "wd_modules.h"
+
+namespace {
+
+const wdModLoopText kText = {
+    "mod_sampleHandler",
+    "Select error, ret=%d\n",
+    "Select timeout!\n",
+    "File discriptor is no in fd set!\n",
+    "[mod_sampleHandler] malloc fail",
+    "Receieved 0 bytes!\n",
+};
+
+wdLoopAction OnMsg(wdMsg* msg, void* ctx) {
+  if (msg->datalen != 0) {
+    WD_TRACE_AS("mod_sampleHandler", "MOD_SAMPLE Received wdMsg, dst#%d#, data#%.*s#\n",
+                msg->destMod, WD_MSG_DATA_SIZE, msg->data);
+  } else {
+    WD_TRACE_AS("mod_sampleHandler", "MOD_SAMPLE Received wdMsg, dst#%d#, type#%d#\n", msg->destMod,
+                msg->eventType);
+  }
+  struct timeval tv;
+  wd_initTimeVal(&tv, *static_cast<int*>(ctx));
+  return WD_LOOP_CONTINUE;
+}
+
+}  // namespace
+
+void* mod_sampleHandler(void* arg) {
+  int seconds = static_cast<int>(reinterpret_cast<intptr_t>(arg));
+  if (wd_modOpenChannel(MOD_SAMPLE) < 0) wd_threadExit(MOD_SAMPLE, 0);
+  wd_modLoop(MOD_SAMPLE, kText, OnMsg, &seconds);
+  wd_threadExit(MOD_SAMPLE, 0);
+}

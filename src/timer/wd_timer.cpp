@@ -1,0 +1,234 @@
+// Timer lists, the timer thread and the timer operations.
+//
+// Timers sit unsorted in two lists in arming order; every pass scans both. Due
+// one-shot timers are unlinked under timerMutex and belong to the timer thread
+// from then on; for due periodic timers the pass notes callback, id and
+// argument under the lock and calls them afterwards, so a concurrent stop may
+// release the timer meanwhile.
+#include "wd_timer.h"
+
+#include <sys/select.h>
+#include <time.h>
+
+#include <vector>
+
+#include "tcapi.h"
+#include "wd_common.h"
+
+timerList time_list;
+timerList periodic_time_list;
+pthread_mutex_t timerMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_t timer_thread;
+int tmIdIndex = 0;
+
+namespace {
+
+int (*gClock)(struct timeval*) = gettimeofday_n;
+
+class TimerLock {
+ public:
+  TimerLock() { pthread_mutex_lock(&timerMutex); }
+  ~TimerLock() { pthread_mutex_unlock(&timerMutex); }
+  TimerLock(const TimerLock&) = delete;
+  TimerLock& operator=(const TimerLock&) = delete;
+};
+
+void ExpiryAfter(const struct timeval* now, int interval, timerNode* t) {
+  if (interval < 0) interval = 0;  // a negative interval is simply due at once
+  int64_t usec = static_cast<int64_t>(now->tv_usec) + static_cast<int64_t>(interval % 1000) * 1000;
+  t->expiry.sec = static_cast<int64_t>(now->tv_sec) + interval / 1000 + usec / 1000000;
+  t->expiry.usec = static_cast<int32_t>(usec % 1000000);
+}
+
+bool IsDue(const timerNode* t, const struct timeval* now) {
+  int64_t sec = now->tv_sec;
+  return t->expiry.sec < sec || (t->expiry.sec == sec && t->expiry.usec <= now->tv_usec);
+}
+
+int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg) {
+  timerNode* t = static_cast<timerNode*>(timer_malloc(sizeof(timerNode)));
+  if (t == nullptr) return -1;
+  struct timeval now;
+  gClock(&now);
+  ExpiryAfter(&now, interval, t);
+  t->id = id;
+  t->interval = interval;
+  t->arg = arg;
+  t->callback = callback;
+
+  TimerLock lock;
+  timerListIterator it;
+  for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
+    timerNode* old = static_cast<timerNode*>(e);
+    if (old->id == id) {
+      old->expiry = t->expiry;
+      old->arg = arg;
+      old->callback = callback;
+      timer_free(t);
+      return 0;
+    }
+  }
+  if (timer_list_add(list, t, list->count) < 0) {
+    timer_free(t);
+    return -1;
+  }
+  return 0;
+}
+
+int Disarm(timerList* list, int id) {
+  TimerLock lock;
+  timerListIterator it;
+  void* e = timer_list_get_first(list, &it);
+  while (e != nullptr) {
+    timerNode* t = static_cast<timerNode*>(e);
+    if (t->id == id) {
+      e = timer_list_iterator_remove(&it);
+      timer_free(t);
+    } else {
+      e = timer_list_get_next(&it);
+    }
+  }
+  return 0;
+}
+
+// Takes an id, arms the timer, and gives the id back when arming fails.
+int Create(bool periodic, int interval, wdTimerCallback callback, int modId) {
+  int id;
+  {
+    TimerLock lock;
+    id = ++tmIdIndex;
+  }
+  int rc = -1;
+  if (callback != nullptr) {
+    rc = periodic ? wd_addPTimer(id, interval, callback, modId)
+                  : wd_addTimer(id, interval, callback, modId);
+  }
+  if (rc == 0) return id;
+  tcdbg_printf(periodic ? "Error: Can't start periodic timer\n" : "Error: Can't start timer\n");
+  TimerLock lock;
+  if (tmIdIndex == id) --tmIdIndex;
+  return -1;
+}
+
+}  // namespace
+
+int gettimeofday_n(struct timeval* tv) {
+  struct timespec ts;
+  int rc = clock_gettime(CLOCK_REALTIME, &ts);
+  tv->tv_sec = ts.tv_sec;
+  tv->tv_usec = static_cast<suseconds_t>(ts.tv_nsec / 1000);
+  return rc;
+}
+
+void wd_timerSetClock(int (*clock)(struct timeval* tv)) { gClock = clock ? clock : gettimeofday_n; }
+
+void wd_timerInit(void) {
+  {
+    TimerLock lock;
+    timer_list_init(&time_list);
+    timer_list_init(&periodic_time_list);
+  }
+  wd_createRtThread(&timer_thread, wd_timerProc, nullptr, "timer");
+}
+
+void wd_timerPass(const struct timeval* now) {
+  struct Noted {
+    wdTimerCallback callback;
+    int id;
+    int arg;
+  };
+  std::vector<timerNode*> oneShots;
+  std::vector<Noted> periodics;
+  {
+    TimerLock lock;
+    timerListIterator it;
+    void* e = timer_list_get_first(&time_list, &it);
+    while (e != nullptr) {
+      timerNode* t = static_cast<timerNode*>(e);
+      if (IsDue(t, now)) {
+        oneShots.push_back(t);
+        e = timer_list_iterator_remove(&it);
+      } else {
+        e = timer_list_get_next(&it);
+      }
+    }
+    for (e = timer_list_get_first(&periodic_time_list, &it); e != nullptr;
+         e = timer_list_get_next(&it)) {
+      timerNode* t = static_cast<timerNode*>(e);
+      if (!IsDue(t, now)) continue;
+      periodics.push_back(Noted{t->callback, t->id, t->arg});
+      ExpiryAfter(now, t->interval, t);
+    }
+  }
+  for (timerNode* t : oneShots) {
+    t->callback(t->id, t->arg);
+    timer_free(t);
+  }
+  for (const Noted& n : periodics) n.callback(n.id, n.arg);
+}
+
+void* wd_timerProc(void*) {
+  for (;;) {
+    struct timeval now;
+    gClock(&now);
+    wd_timerPass(&now);
+    struct timeval wait = {0, 100000};
+    select(0, nullptr, nullptr, nullptr, &wait);
+  }
+  return nullptr;
+}
+
+int wd_addTimer(int id, int interval, wdTimerCallback callback, int arg) {
+  return Arm(&time_list, id, interval, callback, arg);
+}
+
+int wd_addPTimer(int id, int interval, wdTimerCallback callback, int arg) {
+  return Arm(&periodic_time_list, id, interval, callback, arg);
+}
+
+int wd_delTimer(int id) { return Disarm(&time_list, id); }
+
+int wd_delPTimer(int id) { return Disarm(&periodic_time_list, id); }
+
+int wd_setDefaultTimer(int interval, int modId) {
+  return Create(false, interval, wd_sendModTimeout, modId);
+}
+
+int wd_setDefaultPTimer(int interval, int modId) {
+  return Create(true, interval, wd_sendModTimeout, modId);
+}
+
+int wd_setPPPTimer(int interval, int modId) {
+  return Create(true, interval, wd_sendModPPPTimeout, modId);
+}
+
+int wd_setEventTimer(int interval, int modId, int event) {
+  wdTimerCallback callback = event == TX_CHECK_TIMEOUT  ? wd_sendMsgTxChkTimeout
+                             : event == TX_SAVE_TIMEOUT ? wd_sendMsgTxSaveTimeout
+                                                        : nullptr;
+  return Create(false, interval, callback, modId);
+}
+
+int wd_timerStop(int id) { return wd_delTimer(id); }
+
+int wd_timerPStop(int id) { return wd_delPTimer(id); }
+
+int wd_sendModTimeout(int, int modId) {
+  wd_simpleSendMsg(TIMER_EXPIRED, 0, modId, nullptr, 0);
+  return 0;
+}
+
+int wd_sendModPPPTimeout(int, int modId) {
+  wd_simpleSendMsg(PPP_TIMER_EXPIRED, 0, modId, nullptr, 0);
+  return 0;
+}
+
+int wd_sendMsgTxChkTimeout(int, int modId) {
+  wd_simpleSendMsg(TX_CHECK_TIMEOUT, 0, modId, nullptr, 0);
+  return 0;
+}
+
+int wd_sendMsgTxSaveTimeout(int, int modId) {
+  wd_simpleSendMsg(TX_SAVE_TIMEOUT, 0, modId, nullptr, 0);
+  return 0;
+}

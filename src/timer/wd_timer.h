@@ -1,0 +1,80 @@
+// The timer service: one-shot and periodic timers with millisecond intervals,
+// served by one timer thread.
+//
+// Threads: the timer thread (wd_timerProc) makes one pass every 100 ms against
+// the real-time clock and calls the callbacks of due timers; module and relay
+// threads arm and stop timers. timerMutex guards both lists, every timer in
+// them and tmIdIndex; callbacks run without it. Every callback of the daemon
+// turns an expiry into an event on a module channel.
+#ifndef WATCHDOGD_TIMER_WD_TIMER_H
+#define WATCHDOGD_TIMER_WD_TIMER_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <sys/time.h>
+
+#include "timer_list.h"
+
+typedef int (*wdTimerCallback)(int id, int arg);
+
+// One armed timer. The expiry keeps 64-bit seconds, so that timers work on
+// either side of 2038 whatever the width of the platform's time_t.
+typedef struct timerNode {
+  int id;
+  int arg;       // the module id in every use by the daemon
+  int interval;  // milliseconds; the period of a periodic timer
+  struct {
+    int64_t sec;
+    int32_t usec;  // below 1,000,000
+  } expiry;
+  wdTimerCallback callback;
+} timerNode;
+
+extern timerList time_list;           // one-shot timers, in arming order
+extern timerList periodic_time_list;  // periodic timers, in arming order
+extern pthread_mutex_t timerMutex;
+extern pthread_t timer_thread;
+extern int tmIdIndex;  // the last id given; guarded by timerMutex
+
+// Makes both lists empty and starts the timer thread (SCHED_RR, priority 75,
+// or default scheduling where real-time scheduling is refused). Called once
+// by main before any other service.
+void wd_timerInit(void);
+// The timer thread's body: a pass, then a wait of 100 ms, for ever.
+void* wd_timerProc(void* arg);
+// One pass of the timer thread for the time `now`: due one-shot timers are
+// removed and called in arming order, then due periodic timers are called
+// once each and re-armed from `now`. Takes timerMutex; calls without it.
+void wd_timerPass(const struct timeval* now);
+// The real-time clock (CLOCK_REALTIME) as seconds and microseconds.
+int gettimeofday_n(struct timeval* tv);
+// The clock that arming and the timer thread read; gettimeofday_n unless a
+// test hands in its own. Not for use while the timer thread runs.
+void wd_timerSetClock(int (*clock)(struct timeval* tv));
+
+// Creating operations: a new timer id (1 or more), or -1 with
+// "Error: Can't start timer\n" / "Error: Can't start periodic timer\n".
+int wd_setDefaultTimer(int interval, int modId);   // one-shot, TIMER_EXPIRED
+int wd_setDefaultPTimer(int interval, int modId);  // periodic, TIMER_EXPIRED
+int wd_setPPPTimer(int interval, int modId);       // periodic, PPP_TIMER_EXPIRED
+// One-shot; event 10 (TX_CHECK_TIMEOUT) or 11 (TX_SAVE_TIMEOUT), else -1.
+int wd_setEventTimer(int interval, int modId, int event);
+// Stop a one-shot or periodic timer; 0 also when no timer has that id.
+int wd_timerStop(int id);
+int wd_timerPStop(int id);
+
+// Lower operations: arm with a given id (an armed timer with that id is moved
+// to the new expiry, keeping its interval); 0, or -1 when nothing could be
+// allocated. Removal of every timer with an id; always 0.
+int wd_addTimer(int id, int interval, wdTimerCallback callback, int arg);
+int wd_addPTimer(int id, int interval, wdTimerCallback callback, int arg);
+int wd_delTimer(int id);
+int wd_delPTimer(int id);
+
+// Callbacks: send their event (1, 12, 10, 11) to module `modId`; 0.
+int wd_sendModTimeout(int id, int modId);
+int wd_sendModPPPTimeout(int id, int modId);
+int wd_sendMsgTxChkTimeout(int id, int modId);
+int wd_sendMsgTxSaveTimeout(int id, int modId);
+
+#endif  // WATCHDOGD_TIMER_WD_TIMER_H
