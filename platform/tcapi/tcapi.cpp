@@ -11,6 +11,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -231,8 +232,20 @@ extern "C" int tcapi_commit(const char* node) {
   std::string hook = std::string(TCAPI_HOOK_DIR) + "/" + node;
   if (access(hook.c_str(), X_OK) != 0) return 0;
   char* argv[] = {const_cast<char*>(hook.c_str()), const_cast<char*>(node), nullptr};
+  // The hook starts with every signal unblocked and at its default, whatever
+  // the calling thread blocks or catches.
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none, all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setsigdefault(&attr, &all);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t pid;
-  if (posix_spawn(&pid, hook.c_str(), nullptr, nullptr, argv, environ) != 0) return -1;
+  int rc = posix_spawn(&pid, hook.c_str(), nullptr, &attr, argv, environ);
+  posix_spawnattr_destroy(&attr);
+  if (rc != 0) return -1;
   int status = 0;
   while (waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return -1;

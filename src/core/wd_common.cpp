@@ -389,8 +389,10 @@ void wd_modLoop(int modId, const wdModLoopText& text, wdLoopAction (*onMsg)(wdMs
                 void* ctx) {
   wdSubModEntry& entry = gSubMod[modId];
   const int fd = tlsChannelFd;
-  auto trace = [&text](int line, const char* what) {
-    if (debuglevel > 0 && what != nullptr) wd_dbgTrace(text.handlerName, line, "%s", what);
+  auto say = [&text](int line, const wdLoopMsg& m, int value) {
+    if (m.text == nullptr) return;
+    if (m.how == WD_SAY_CONSOLE) tcdbg_printf(m.text, value);
+    if (m.how == WD_SAY_TRACE && debuglevel > 0) wd_dbgTrace(text.handlerName, line, m.text, value);
   };
   for (;;) {
     // The set is built once by wd_modOpenChannel; select works on a copy so
@@ -398,26 +400,26 @@ void wd_modLoop(int modId, const wdModLoopText& text, wdLoopAction (*onMsg)(wdMs
     fd_set ready = entry.fdSet;
     int ret = select(maxNumFd + 1, &ready, nullptr, nullptr, nullptr);
     if (ret == -1) {
-      if (text.selectError != nullptr) tcdbg_printf(text.selectError, ret);
+      say(__LINE__, text.selectError, ret);
       continue;
     }
     if (ret == 0) {
-      trace(__LINE__, text.selectTimeout);
+      say(__LINE__, text.selectTimeout, 0);
       continue;
     }
     if (!FD_ISSET(fd, &ready)) {
-      if (text.noFdInSet != nullptr) tcdbg_printf("%s", text.noFdInSet);
+      say(__LINE__, text.noFdInSet, 0);
       continue;
     }
     wdMsg* msg = static_cast<wdMsg*>(calloc(1, WD_MSG_SIZE));
     if (msg == nullptr) {
-      trace(__LINE__, text.mallocFail);
+      say(__LINE__, text.mallocFail, 0);
       continue;
     }
     ssize_t n = recv(fd, msg, WD_MSG_SIZE, 0);
     wdLoopAction action = WD_LOOP_CONTINUE;
     if (n == 0) {
-      trace(__LINE__, text.zeroBytes);
+      say(__LINE__, text.zeroBytes, 0);
     } else if (n > 0) {
       action = onMsg(msg, ctx);
     }

@@ -67,6 +67,20 @@ uint32_t wd_parseUnsigned(const char* text);
 // capped where the milliseconds no longer fit an int (about 24.8 days).
 int wd_periodMs(uint32_t seconds);
 
+// ---- Report lines and device identity ----
+
+// The gateway's MAC address as twelve lower-case hex digits: empty until the
+// first wd_initData, "000000000000" while the flash cannot be read.
+extern char macAddr[13];
+// Builds the report line for `text` in `category` (0..16; above: empty
+// category text) and hands it to the relay's buffer. 0 when the buffer took
+// it, -1 when it refused it. Any thread.
+int wd_syslogStr(uint32_t category, const char* text);
+// (Re)reads the identity from the MRD record; 1 on success, 0 on failure.
+int wd_initData(void);
+// Reads the 255-byte MRD record at 0x1FF00 of /dev/mtd0; 1 when all came.
+int MRDread(unsigned char* buf);
+
 // ---- Module threads ----
 
 // Fills the channel paths, thread bodies and timer values of entries 0..11.
@@ -86,15 +100,21 @@ uint32_t wd_updateModTimer(uint8_t modId);
 [[noreturn]] void wd_threadExit(uint8_t modId, int periodicTimerId);
 [[noreturn]] void wd_pppthreadExit(uint8_t modId, int timerId);
 
-// The console texts of a module's loop; they differ slightly between modules.
-// A null text is not written.
+// How a module's loop says something: not at all, on the debug console
+// (tcdbg_printf), or as a trace.
+enum wdSay { WD_SAY_NOTHING, WD_SAY_CONSOLE, WD_SAY_TRACE };
+struct wdLoopMsg {
+  const char* text;
+  wdSay how;
+};
+// The texts of a module's loop; they differ slightly between modules.
 struct wdModLoopText {
-  const char* handlerName;    // function name shown in the loop's traces
-  const char* selectError;    // debug console, with the select result
-  const char* selectTimeout;  // trace
-  const char* noFdInSet;      // debug console
-  const char* mallocFail;     // trace
-  const char* zeroBytes;      // trace
+  const char* handlerName;  // function name shown in the loop's traces
+  wdLoopMsg selectError;    // with the select result as its argument
+  wdLoopMsg selectTimeout;
+  wdLoopMsg noFdInSet;
+  wdLoopMsg mallocFail;
+  wdLoopMsg zeroBytes;
 };
 
 enum wdLoopAction { WD_LOOP_CONTINUE, WD_LOOP_EXIT };

@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,6 +16,7 @@
 
 #include "libwdfunc.h"
 #include "tcapi.h"
+#include "wd_buffer.h"
 #include "wd_common.h"
 #include "wd_timer.h"
 
@@ -121,6 +123,15 @@ void DispatchCommand(wdCmdMsg* msg) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // SIGUSR1 and SIGUSR2 are taken by the relay's transmit thread alone, which
+  // unblocks them: every other thread inherits this mask. Until the relay
+  // runs, they wait instead of ending the process.
+  sigset_t relaySignals;
+  sigemptyset(&relaySignals);
+  sigaddset(&relaySignals, SIGUSR1);
+  sigaddset(&relaySignals, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &relaySignals, nullptr);
+
   ReserveStdDescriptors();
   WritePidFile();
 
@@ -139,8 +150,11 @@ int main(int argc, char** argv) {
   }
 
   wd_timerInit();
+  wd_connectSyslogNG();
+  wd_bufInit();
   wd_initSubModData();
   wd_creatModThreads();
+  wd_initData();
   mkdir("/var/wd_tmp", 0777);
 
   int recvLen = kCmdRecvLen;

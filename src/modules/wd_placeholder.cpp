@@ -7,11 +7,11 @@ namespace {
 
 const wdModLoopText kText = {
     "mod_placeholderHandler",
-    "Select error, ret=%d\n",
-    "Select timeout!\n",
-    "File discriptor is no in fd set!\n",
-    "[mod_placeholderHandler] malloc fail",
-    "Receieved 0 bytes!\n",
+    {"Select error, ret=%d\n", WD_SAY_CONSOLE},
+    {"Select timeout!\n", WD_SAY_TRACE},
+    {"File discriptor is no in fd set!\n", WD_SAY_CONSOLE},
+    {"[mod_placeholderHandler] malloc fail", WD_SAY_TRACE},
+    {"Receieved 0 bytes!\n", WD_SAY_TRACE},
 };
 
 wdLoopAction OnMsg(wdMsg* msg, void*) {

@@ -13,8 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -60,8 +62,7 @@ bool Readable(int fd, int timeoutMs) {
 std::vector<std::string> FakeTimeEnv(int speed) {
   std::vector<std::string> env = {
       "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
-      "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_FAKE_MONOTONIC=1",
-      "FAKETIME_NO_CACHE=1"};
+      "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_FAKE_MONOTONIC=1"};
   const char* asan = getenv("ASAN_OPTIONS");
   env.push_back(std::string("ASAN_OPTIONS=verify_asan_link_order=0") +
                 (asan ? std::string(":") + asan : ""));
@@ -77,6 +78,9 @@ bool Daemon::Start(const std::vector<std::string>& args, bool waitReady,
   cargv.push_back(nullptr);
   std::vector<std::string> envStore;
   for (char** e = environ; *e; ++e) envStore.push_back(*e);
+  if (speed != 1) {
+    for (const auto& e : FakeTimeEnv(speed)) envStore.push_back(e);
+  }
   for (const auto& e : env) envStore.push_back(e);  // later entries win in getenv
   std::vector<char*> cenv;
   for (auto it = envStore.rbegin(); it != envStore.rend(); ++it)
@@ -93,9 +97,14 @@ bool Daemon::Start(const std::vector<std::string>& args, bool waitReady,
     execve(kDaemon, cargv.data(), cenv.data());
     _exit(127);
   }
+  readyMark_ = 0;
   if (!waitReady) return pid_ > 0;
-  return WaitUntil([] { return Exists("/var/wd_tmp"); }, 120000);
+  bool ready = WaitUntil([] { return Exists("/var/wd_tmp"); }, 120000);
+  readyMark_ = Stderr().size();
+  return ready;
 }
+
+std::string Daemon::NewStderr() const { return Stderr().substr(readyMark_); }
 
 int Daemon::Wait(int timeoutMs) {
   if (pid_ <= 0) return -1;
@@ -139,12 +148,24 @@ bool Exists(const std::string& path) {
   return stat(path.c_str(), &st) == 0;
 }
 
+// How much faster than real time this process's sleeps run (libfaketime).
+int TimeScale() {
+  const char* spec = getenv("FAKETIME");
+  const char* x = spec && getenv("LD_PRELOAD") ? strchr(spec, 'x') : nullptr;
+  int scale = x ? atoi(x + 1) : 1;
+  return scale > 0 ? scale : 1;
+}
+
+void RealSleepMs(int ms) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(ms * TimeScale()));
+}
+
 bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   for (;;) {
     if (done()) return true;
     if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    RealSleepMs(20);
   }
 }
 
@@ -215,6 +236,126 @@ std::vector<int> ThreadPolicies(pid_t pid) {
   }
   return out;
 }
+
+bool StartSyslogNg(bool keepConfig) {
+  return Run(keepConfig ? "/gw/sim/syslog-start --again" : "/gw/sim/syslog-start").status == 0;
+}
+
+int SyslogNgPid() { return atoi(ReadFile("/var/run/syslog-ng.pid").c_str()); }
+
+void StopSyslogNg() {
+  int pid = SyslogNgPid();
+  if (pid <= 0) return;
+  kill(pid, SIGKILL);
+  WaitUntil([pid] { return kill(pid, 0) != 0; });
+}
+
+std::vector<std::string> ReportLines(const std::string& file) {
+  std::vector<std::string> out;
+  std::istringstream in(ReadFile(file));
+  std::string line;
+  while (std::getline(in, line)) {
+    size_t at = line.find("my.app.wd.");
+    if (at != std::string::npos) out.push_back(line.substr(at));
+  }
+  return out;
+}
+
+struct FakeSyslog::State {
+  std::mutex mutex;
+  Mode mode = kSuccess;
+  std::vector<Mode> script;
+  std::vector<std::string> texts;
+  std::vector<size_t> sizes;
+  std::atomic<bool> stop{false};
+  int fd = -1;
+  std::thread thread;
+};
+
+FakeSyslog::FakeSyslog(int pid) : state_(new State) {
+  state_->fd = BindDgram("/var/wdSyslogTx.chanl");
+  SetPid(pid);
+  state_->thread = std::thread([this] { Serve(); });
+}
+
+FakeSyslog::~FakeSyslog() {
+  state_->stop = true;
+  state_->thread.join();
+  close(state_->fd);  // the socket file stays: connects are refused, as after a crash
+  delete state_;
+}
+
+void FakeSyslog::SetMode(Mode mode) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->mode = mode;
+}
+
+void FakeSyslog::SetScript(const std::vector<Mode>& answers) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->script.assign(answers.rbegin(), answers.rend());
+}
+
+void FakeSyslog::SetPid(int pid) {
+  WriteFile("/var/run/syslog-ng.pid", std::to_string(pid) + "\n");
+}
+
+std::vector<std::string> FakeSyslog::Received() {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->texts;
+}
+
+std::vector<size_t> FakeSyslog::Sizes() {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->sizes;
+}
+
+bool FakeSyslog::WaitForCount(size_t n, int timeoutMs) {
+  return WaitUntil([&] { return Received().size() >= n; }, timeoutMs);
+}
+
+void FakeSyslog::Serve() {
+  int answer = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un rx = Addr("/var/wdSyslogRx.chanl");
+  while (!state_->stop) {
+    pollfd p = {state_->fd, POLLIN, 0};
+    if (poll(&p, 1, 10) <= 0) continue;
+    char buf[1024];
+    ssize_t n = recv(state_->fd, buf, sizeof buf - 1, 0);
+    if (n < 0) continue;
+    buf[n] = '\0';
+    std::string text(buf);
+    Mode mode;
+    {
+      std::lock_guard<std::mutex> lock(state_->mutex);
+      state_->texts.push_back(text);
+      state_->sizes.push_back(static_cast<size_t>(n));
+      mode = state_->mode;
+      if (!state_->script.empty()) {
+        mode = state_->script.back();
+        state_->script.pop_back();
+      }
+    }
+    if (mode == kSilent) continue;
+    size_t hash = text.rfind('#');
+    int seq = hash == std::string::npos ? 0 : atoi(text.c_str() + hash + 1);
+    std::string reply = std::to_string(seq) + (mode == kSuccess ? "#0#" : "#1#");
+    sendto(answer, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&rx), sizeof rx);
+  }
+  close(answer);
+}
+
+StderrFile::StderrFile() : saved_(dup(STDERR_FILENO)) {
+  int fd = open("/gw/test.stderr", O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
+  dup2(fd, STDERR_FILENO);
+  close(fd);
+}
+
+StderrFile::~StderrFile() {
+  dup2(saved_, STDERR_FILENO);
+  close(saved_);
+}
+
+std::string StderrFile::Text() const { return ReadFile("/gw/test.stderr"); }
 
 ResultSocket::ResultSocket() : fd_(BindDgram(WD_RESULT_SOCK_PATH)) {}
 

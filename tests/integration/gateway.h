@@ -24,8 +24,12 @@ constexpr const char* kDaemonStderr = "/gw/watchdogd.stderr";
 std::vector<std::string> FakeTimeEnv(int speed);
 
 // The daemon as a child process, its standard error captured in kDaemonStderr.
+// It runs under libfaketime at `speed` times the real pace (1: real time), so
+// that its 30-second wait for syslog-ng and its long timers pass quickly.
 class Daemon {
  public:
+  int speed = 100;
+
   Daemon() = default;
   ~Daemon() { Kill(); }
   Daemon(const Daemon&) = delete;
@@ -42,14 +46,19 @@ class Daemon {
   bool Running() const;
   pid_t pid() const { return pid_; }
   std::string Stderr() const;
+  // What the daemon wrote to standard error after its start-up finished.
+  std::string NewStderr() const;
 
  private:
   pid_t pid_ = -1;
+  size_t readyMark_ = 0;
 };
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);
 bool Exists(const std::string& path);
+// Sleeps `ms` milliseconds of real time, also in a process under libfaketime.
+void RealSleepMs(int ms);
 // Polls `done` every 20 ms until it holds or `timeoutMs` has passed.
 bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 10000);
 
@@ -104,6 +113,55 @@ wdMsg Event(int eventType, int destMod, const std::string& payload = "");
 
 // Scheduling policy (SCHED_OTHER 0, SCHED_RR 2, ...) of each thread of `pid`.
 std::vector<int> ThreadPolicies(pid_t pid);
+
+// The gateway's real syslog-ng (gateway/syslog-start).
+bool StartSyslogNg(bool keepConfig = false);
+void StopSyslogNg();  // SIGKILL, as a crash would
+int SyslogNgPid();    // from /var/run/syslog-ng.pid; 0 when none
+// The report lines in syslog-ng's output file /var/log/messages.
+std::vector<std::string> ReportLines(const std::string& file = "/var/log/messages");
+
+// A scriptable stand-in for syslog-ng, for what the real one cannot be made to
+// do: it binds /var/wdSyslogTx.chanl, records every datagram and answers it
+// on /var/wdSyslogRx.chanl with success, failure, or not at all. It writes
+// `pid` into /var/run/syslog-ng.pid (any number: a new one looks like a
+// restarted syslog-ng).
+class FakeSyslog {
+ public:
+  enum Mode { kSuccess, kFailure, kSilent };
+  explicit FakeSyslog(int pid = 4242);
+  ~FakeSyslog();
+  FakeSyslog(const FakeSyslog&) = delete;
+  FakeSyslog& operator=(const FakeSyslog&) = delete;
+  void SetMode(Mode mode);
+  // Answers for the next datagrams, in order; after them the mode applies.
+  void SetScript(const std::vector<Mode>& answers);
+  void SetPid(int pid);
+  // Datagram texts received so far (up to their terminating zero).
+  std::vector<std::string> Received();
+  // Sizes of the datagrams received so far.
+  std::vector<size_t> Sizes();
+  bool WaitForCount(size_t n, int timeoutMs = 10000);
+
+ private:
+  void Serve();
+  struct State;
+  State* state_;
+};
+
+// Sends this process's standard error (the debug console of an in-process
+// relay) to a file that can be read at any time.
+class StderrFile {
+ public:
+  StderrFile();
+  ~StderrFile();
+  StderrFile(const StderrFile&) = delete;
+  StderrFile& operator=(const StderrFile&) = delete;
+  std::string Text() const;
+
+ private:
+  int saved_;
+};
 
 struct RunResult {
   int status;          // exit status, or -1

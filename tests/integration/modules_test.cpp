@@ -36,7 +36,7 @@ TEST(ModuleStart, FeatureOffStartsNothing) {
   ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_THREAD_START, MOD_SAMPLE));
   gw::ResultSocket results;
   EXPECT_EQ(results.Query(MOD_SAMPLE), WD_QUERY_NOT_RUNNING) << "type 2 needs the feature";
-  EXPECT_EQ(d.Stderr(), "");
+  EXPECT_EQ(d.NewStderr(), "");
 }
 
 TEST(ModuleStart, ConfigurationDecidesWhichModulesRun) {
@@ -240,8 +240,9 @@ TEST(ModuleTimers, TimerThreadRunsRoundRobin) {
   Daemon d;
   ASSERT_TRUE(d.Start());
   std::vector<int> policies = gw::ThreadPolicies(d.pid());
-  EXPECT_EQ(std::count(policies.begin(), policies.end(), 2), 1) << "the timer thread, SCHED_RR";
-  EXPECT_EQ(d.Stderr(), "");
+  EXPECT_EQ(std::count(policies.begin(), policies.end(), 2), 4)
+      << "the timer thread and the three relay threads, SCHED_RR";
+  EXPECT_EQ(d.Stderr().find("refused"), std::string::npos);
 }
 
 }  // namespace

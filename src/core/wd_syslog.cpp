@@ -1,0 +1,95 @@
+// Report lines: a fixed prefix, the category, the gateway's identity, the
+// time and the module's text, handed to the relay's buffer.
+//
+// The identity is shared by every reporting thread and may be rewritten by
+// any of them (a retry of the flash read); gMacMutex serialises the rewrite
+// and the copy into a line, so no line carries half an identity.
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "tcapi.h"
+#include "wd_buffer.h"
+#include "wd_common.h"
+
+char macAddr[13];
+
+namespace {
+
+pthread_mutex_t gMacMutex = PTHREAD_MUTEX_INITIALIZER;
+
+constexpr const char* kCategories[] = {
+    "infgen", "infcxn", "infprc",   "infcnt",  "infcnx", "shell", "ppp",      "arp",  "rip",
+    "igmp",   "ps",     "voipstat", "voipreg", "tr069",  "ps",    "internal", "route"};
+constexpr uint32_t kNoTimeCategory = 11;
+constexpr off_t kMrdOffset = 0x1FF00;
+constexpr size_t kMrdSize = 255;
+constexpr size_t kMacOffset = 72;
+
+// Caller holds gMacMutex.
+int InitDataLocked() {
+  memset(macAddr, 0, sizeof macAddr);
+  snprintf(macAddr, sizeof macAddr, "000000000000");
+  unsigned char record[kMrdSize + 1];
+  if (!MRDread(record)) {
+    tcdbg_printf("Fail to get MRD information!\n");
+    return 0;
+  }
+  const unsigned char* m = record + kMacOffset;
+  snprintf(macAddr, sizeof macAddr, "%02x%02x%02x%02x%02x%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+  return 1;
+}
+
+}  // namespace
+
+int MRDread(unsigned char* buf) {
+  int fd = open("/dev/mtd0", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    tcdbg_printf("open mtd device (MRD) error!!\n");
+    return 0;
+  }
+  size_t got = 0;
+  if (lseek(fd, kMrdOffset, SEEK_SET) == kMrdOffset) {
+    while (got < kMrdSize) {
+      ssize_t n = read(fd, buf + got, kMrdSize - got);
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+  }
+  close(fd);
+  if (got != kMrdSize) {
+    tcdbg_printf("read mtd device (MRD) error!!\n");
+    return 0;
+  }
+  return 1;
+}
+
+int wd_initData(void) {
+  pthread_mutex_lock(&gMacMutex);
+  int rc = InitDataLocked();
+  pthread_mutex_unlock(&gMacMutex);
+  return rc;
+}
+
+int wd_syslogStr(uint32_t category, const char* text) {
+  const char* name =
+      category < sizeof kCategories / sizeof kCategories[0] ? kCategories[category] : "";
+  char id[sizeof macAddr];
+  pthread_mutex_lock(&gMacMutex);
+  if (strcmp(macAddr, "000000000000") == 0) InitDataLocked();
+  memcpy(id, macAddr, sizeof id);
+  pthread_mutex_unlock(&gMacMutex);
+
+  char line[WD_LINE_SIZE];
+  if (text == nullptr) text = "";
+  if (category == kNoTimeCategory) {
+    snprintf(line, sizeof line, "my.app.wd.%s.%s: %s", name, id, text);
+  } else {
+    snprintf(line, sizeof line, "my.app.wd.%s.%s: %lld|%s", name, id,
+             static_cast<long long>(time(nullptr)), text);
+  }
+  WD_TRACE("%s", line);
+  return wd_syslogPushFormat(line, category);
+}

@@ -1,0 +1,207 @@
+// The buffer of report lines waiting for syslog-ng's acknowledgement.
+//
+// Lines of category ppp stand as a group at the front of the list, in their
+// own order, so that they go out first; two or more of them waiting, or a
+// refused line of another category, write the list to flash.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "tcapi.h"
+#include "wd_buffer.h"
+#include "wd_common.h"
+
+wdBufList* commBufList = nullptr;
+int32_t maxSeqNum = 0;
+uint32_t maxBufNum = 0;
+int32_t pppMsgNum = 0;
+uint8_t buffSaved = 0;
+pthread_mutex_t bufMutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+class BufLock {
+ public:
+  BufLock() { pthread_mutex_lock(&bufMutex); }
+  ~BufLock() { pthread_mutex_unlock(&bufMutex); }
+  BufLock(const BufLock&) = delete;
+  BufLock& operator=(const BufLock&) = delete;
+};
+
+bool IsPpp(const wdBufNode* node) {
+  return node->obj != nullptr && node->obj->category == WD_CATEGORY_PPP;
+}
+
+wdBufNode* NewNode(wdBufList* list, wdBufMsgObj* obj) {
+  wdBufNode* node = static_cast<wdBufNode*>(calloc(1, sizeof(wdBufNode)));
+  if (node == nullptr) return nullptr;
+  node->obj = obj;
+  node->bufNum = list->bufNum;
+  return node;
+}
+
+// Creates the object, adds it, and frees it again when the add refused it.
+int Push(const char* line, uint32_t category, bool limits) {
+  BufLock lock;
+  wdBufMsgObj* obj = bufCreateMsgObj(line);
+  if (obj != nullptr) obj->category = category;
+  int rc;
+  if (!limits) {
+    rc = bufNodeAddTail(commBufList, obj, 1);
+  } else if (category == WD_CATEGORY_PPP) {
+    rc = bufNodeAddPPP(commBufList, obj);
+  } else {
+    rc = bufNodeAddTail(commBufList, obj, 0);
+  }
+  if (rc != 0) free(obj);
+  if (limits && debuglevel > 0) printBufAll(commBufList);
+  return rc;
+}
+
+}  // namespace
+
+int wd_syslogPushFormat(const char* line, uint32_t category) { return Push(line, category, true); }
+
+int wd_syslogPush(const char* line, uint32_t category) { return Push(line, category, false); }
+
+int bufListInit(wdBufList* list) {
+  if (list == nullptr) return -1;
+  list->head = nullptr;
+  list->tail = nullptr;
+  list->objNum = 0;
+  list->bufNum = ++maxBufNum;
+  return 0;
+}
+
+wdBufMsgObj* bufCreateMsgObj(const char* line) {
+  wdBufMsgObj* obj = static_cast<wdBufMsgObj*>(calloc(1, sizeof(wdBufMsgObj)));
+  if (obj == nullptr) return nullptr;
+  maxSeqNum = maxSeqNum % WD_MAX_SEQ + 1;
+  obj->seqNum = maxSeqNum;
+  obj->state = WD_LINE_UNSENT;
+  snprintf(obj->msg, sizeof obj->msg, "%s", line ? line : "");
+  return obj;
+}
+
+int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit) {
+  if (list == nullptr || obj == nullptr) return -1;
+  if (!waiveLimit && list->objNum - pppMsgNum >= WD_MAX_OTHER_LINES) {
+    if (saveMsgToFlash(list) == -1) tcdbg_printf("Error: Not able to save syslogs to flash!\n");
+    return -1;
+  }
+  wdBufNode* node = NewNode(list, obj);
+  if (node == nullptr) return -1;
+  node->prev = list->tail;
+  if (list->tail != nullptr) {
+    list->tail->next = node;
+  } else {
+    list->head = node;
+  }
+  list->tail = node;
+  list->objNum++;
+  if (IsPpp(node)) pppMsgNum++;
+  return 0;
+}
+
+int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj) {
+  if (list == nullptr || obj == nullptr || pppMsgNum >= WD_MAX_PPP_LINES) return -1;
+  wdBufNode* node = NewNode(list, obj);
+  if (node == nullptr) return -1;
+  if (list->head == nullptr) {
+    list->head = list->tail = node;
+  } else if (!IsPpp(list->head)) {
+    node->next = list->head;
+    list->head->prev = node;
+    list->head = node;
+  } else {
+    wdBufNode* last = list->head;  // the last of the leading run of ppp lines
+    while (last->next != nullptr && IsPpp(last->next)) last = last->next;
+    node->prev = last;
+    node->next = last->next;
+    if (last->next != nullptr) {
+      last->next->prev = node;
+    } else {
+      list->tail = node;
+    }
+    last->next = node;
+  }
+  pppMsgNum++;
+  list->objNum++;
+  if (pppMsgNum >= 2) saveMsgToFlash(list);
+  return 0;
+}
+
+wdBufNode* bufNodeSearch(wdBufList* list, int seqNum) {
+  if (list == nullptr || list->head == nullptr || list->head->obj == nullptr) return nullptr;
+  for (wdBufNode* n = list->head; n != nullptr; n = n->next) {
+    if (n->obj != nullptr && n->obj->seqNum == seqNum) return n;
+  }
+  return nullptr;
+}
+
+wdBufNode* bufNodeSearchUnsent1st(wdBufList* list) {
+  if (list == nullptr || list->head == nullptr || list->head->obj == nullptr) return nullptr;
+  for (wdBufNode* n = list->head; n != nullptr; n = n->next) {
+    if (n->obj != nullptr && n->obj->state == WD_LINE_UNSENT) return n;
+  }
+  return nullptr;
+}
+
+int bufNodeDel(wdBufList* list, wdBufNode* node) {
+  if (list == nullptr || list->head == nullptr || node == nullptr || node->bufNum != list->bufNum) {
+    return -1;
+  }
+  if (node->prev != nullptr) {
+    node->prev->next = node->next;
+  } else {
+    list->head = node->next;
+  }
+  if (node->next != nullptr) {
+    node->next->prev = node->prev;
+  } else {
+    list->tail = node->prev;
+  }
+  if (node->obj != nullptr) {
+    if (node->obj->category == WD_CATEGORY_PPP && pppMsgNum > 0) pppMsgNum--;
+    free(node->obj);
+  }
+  free(node);
+  list->objNum--;
+  if (buffSaved && list->objNum == 0) {
+    int ignored = system("rm " WD_FLASH_FILE);
+    (void)ignored;
+    buffSaved = 0;
+  }
+  return 0;
+}
+
+int setBufAllUnsent(wdBufList* list) {
+  if (list == nullptr || list->head == nullptr) return -1;
+  for (wdBufNode* n = list->head; n != nullptr; n = n->next) {
+    if (n->obj == nullptr) {
+      tcdbg_printf("No object or no message content!\n");
+      return -1;
+    }
+    n->obj->state = WD_LINE_UNSENT;
+  }
+  tcdbg_printf("\nSet buffer all Unsent END\n");
+  return 0;
+}
+
+int printBufAll(wdBufList* list) {
+  if (list == nullptr || list->head == nullptr) return -1;
+  WD_CONSOLE("\n dontSend:%d msgResend:%d chkSeqNum:%d msgFailNum:%d pppMsgNum:%d sngReload:%d\n",
+             dontSend.load(), msgResend.load(), chkSeqNum, msgFailNum.load(), pppMsgNum,
+             sngReload.load());
+  WD_CONSOLE("\nStart to print buffer content(%d:%d,%d)HEAD->\n", list->objNum, pppMsgNum,
+             list->objNum - pppMsgNum);
+  for (wdBufNode* n = list->head; n != nullptr; n = n->next) {
+    if (n->obj == nullptr) {
+      WD_CONSOLE("No object or no message content!\n");
+      return -1;
+    }
+    WD_CONSOLE("(%d#%s#%d#%d)->\n", n->obj->seqNum, n->obj->msg, n->obj->state, n->obj->category);
+  }
+  WD_CONSOLE("Print buffer content END\n\n");
+  return 0;
+}

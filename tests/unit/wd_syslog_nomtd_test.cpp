@@ -1,0 +1,24 @@
+// Report lines on a gateway whose flash device cannot be opened.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "wd_buffer.h"
+#include "wd_common.h"
+
+namespace {
+
+TEST(NoFlashDevice, EveryReportRetriesAndGoesOutWithZeros) {
+  static wdBufList list;
+  bufListInit(&list);
+  commBufList = &list;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(wd_initData(), 0);
+  EXPECT_EQ(wd_syslogStr(7, "arp"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "open mtd device (MRD) error!!\nFail to get MRD information!\n"
+            "open mtd device (MRD) error!!\nFail to get MRD information!\n");
+  EXPECT_EQ(std::string(list.tail->obj->msg).rfind("my.app.wd.arp.000000000000: ", 0), 0u);
+}
+
+}  // namespace
