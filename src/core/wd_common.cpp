@@ -176,7 +176,7 @@ struct ModDef {
 
 const ModDef kModDefs[MOD_MSG_RESEND] = {
     {"/var/wd_default.chanl", nullptr},
-    {"/var/wd_pppoe.chanl", mod_placeholderHandler<MOD_PPPOE>},
+    {"/var/wd_pppoe.chanl", mod_pppoeHandler},
     {"/var/wd_tr069.chanl", mod_placeholderHandler<MOD_TR069>},
     {"/var/wd_arp.chanl", mod_placeholderHandler<MOD_ARP>},
     {"/var/wd_ip_route.chanl", mod_placeholderHandler<MOD_IP_ROUTE>},

@@ -2,6 +2,8 @@
 #ifndef WATCHDOGD_MODULES_WD_MODULES_H
 #define WATCHDOGD_MODULES_WD_MODULES_H
 
+#include "wd_pppoe.h"
+
 // MOD_SAMPLE: traces every event it receives; runs until the process ends.
 void* mod_sampleHandler(void* arg);
 
