@@ -14,6 +14,8 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <limits.h>
@@ -117,6 +119,28 @@ int wd_simpleSendMsg(int eventType, int srcMod, int destMod, const void* data, u
   }
   WD_TRACE("send bytesWritten=%d", static_cast<int>(sent));
   return static_cast<int>(sent);
+}
+
+int wd_clockRealtime(int64_t* sec, int32_t* usec) {
+  if (sizeof(time_t) < 8) {
+#ifdef SYS_clock_gettime64
+    struct {
+      int64_t sec;
+      int64_t nsec;
+    } ts64;
+    if (syscall(SYS_clock_gettime64, CLOCK_REALTIME, &ts64) == 0) {
+      *sec = ts64.sec;
+      *usec = static_cast<int32_t>(ts64.nsec / 1000);
+      return 0;
+    }
+#endif
+  }
+  struct timespec ts;
+  if (clock_gettime(CLOCK_REALTIME, &ts) != 0) return -1;
+  *sec = sizeof(time_t) < 8 ? static_cast<int64_t>(static_cast<uint32_t>(ts.tv_sec))
+                            : static_cast<int64_t>(ts.tv_sec);
+  *usec = static_cast<int32_t>(ts.tv_nsec / 1000);
+  return 0;
 }
 
 int wd_initTimeVal(struct timeval* tv, int seconds) {

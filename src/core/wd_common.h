@@ -52,6 +52,12 @@ void wd_chanlAddr(int modId, sockaddr_un* addr);
 // queue is full.
 int wd_simpleSendMsg(int eventType, int srcMod, int destMod, const void* data, unsigned len);
 
+// The real-time clock as 64-bit seconds and microseconds. Right past 2038
+// also where time_t has 32 bits: the 64-bit clock call of the kernel is used
+// there when it has one, else the 32-bit seconds are read as unsigned (good
+// until 2106). Returns 0, or -1 when the clock cannot be read.
+int wd_clockRealtime(int64_t* sec, int32_t* usec);
+
 // Sets `tv` to `seconds` and 0 microseconds; returns 0.
 int wd_initTimeVal(struct timeval* tv, int seconds);
 

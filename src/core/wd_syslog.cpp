@@ -87,8 +87,11 @@ int wd_syslogStr(uint32_t category, const char* text) {
   if (category == kNoTimeCategory) {
     snprintf(line, sizeof line, "my.app.wd.%s.%s: %s", name, id, text);
   } else {
-    snprintf(line, sizeof line, "my.app.wd.%s.%s: %lld|%s", name, id,
-             static_cast<long long>(time(nullptr)), text);
+    int64_t now = 0;
+    int32_t usec;
+    wd_clockRealtime(&now, &usec);
+    snprintf(line, sizeof line, "my.app.wd.%s.%s: %lld|%s", name, id, static_cast<long long>(now),
+             text);
   }
   WD_TRACE("%s", line);
   return wd_syslogPushFormat(line, category);

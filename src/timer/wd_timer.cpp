@@ -8,7 +8,6 @@
 #include "wd_timer.h"
 
 #include <sys/select.h>
-#include <time.h>
 
 #include <vector>
 
@@ -23,7 +22,7 @@ int tmIdIndex = 0;
 
 namespace {
 
-int (*gClock)(struct timeval*) = gettimeofday_n;
+int (*gClock)(wdTimeVal*) = gettimeofday_n;
 
 class TimerLock {
  public:
@@ -33,22 +32,22 @@ class TimerLock {
   TimerLock& operator=(const TimerLock&) = delete;
 };
 
-void ExpiryAfter(const struct timeval* now, int interval, timerNode* t) {
+void ExpiryAfter(const wdTimeVal* now, int interval, timerNode* t) {
   if (interval < 0) interval = 0;  // a negative interval is simply due at once
   int64_t usec = static_cast<int64_t>(now->tv_usec) + static_cast<int64_t>(interval % 1000) * 1000;
-  t->expiry.sec = static_cast<int64_t>(now->tv_sec) + interval / 1000 + usec / 1000000;
-  t->expiry.usec = static_cast<int32_t>(usec % 1000000);
+  t->expiry.tv_sec = now->tv_sec + interval / 1000 + usec / 1000000;
+  t->expiry.tv_usec = static_cast<int32_t>(usec % 1000000);
 }
 
-bool IsDue(const timerNode* t, const struct timeval* now) {
-  int64_t sec = now->tv_sec;
-  return t->expiry.sec < sec || (t->expiry.sec == sec && t->expiry.usec <= now->tv_usec);
+bool IsDue(const timerNode* t, const wdTimeVal* now) {
+  return t->expiry.tv_sec < now->tv_sec ||
+         (t->expiry.tv_sec == now->tv_sec && t->expiry.tv_usec <= now->tv_usec);
 }
 
 int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg) {
   timerNode* t = static_cast<timerNode*>(timer_malloc(sizeof(timerNode)));
   if (t == nullptr) return -1;
-  struct timeval now;
+  wdTimeVal now;
   gClock(&now);
   ExpiryAfter(&now, interval, t);
   t->id = id;
@@ -112,15 +111,9 @@ int Create(bool periodic, int interval, wdTimerCallback callback, int modId) {
 
 }  // namespace
 
-int gettimeofday_n(struct timeval* tv) {
-  struct timespec ts;
-  int rc = clock_gettime(CLOCK_REALTIME, &ts);
-  tv->tv_sec = ts.tv_sec;
-  tv->tv_usec = static_cast<suseconds_t>(ts.tv_nsec / 1000);
-  return rc;
-}
+int gettimeofday_n(wdTimeVal* tv) { return wd_clockRealtime(&tv->tv_sec, &tv->tv_usec); }
 
-void wd_timerSetClock(int (*clock)(struct timeval* tv)) { gClock = clock ? clock : gettimeofday_n; }
+void wd_timerSetClock(int (*clock)(wdTimeVal* tv)) { gClock = clock ? clock : gettimeofday_n; }
 
 void wd_timerInit(void) {
   {
@@ -131,7 +124,7 @@ void wd_timerInit(void) {
   wd_createRtThread(&timer_thread, wd_timerProc, nullptr, "timer");
 }
 
-void wd_timerPass(const struct timeval* now) {
+void wd_timerPass(const wdTimeVal* now) {
   struct Noted {
     wdTimerCallback callback;
     int id;
@@ -169,7 +162,7 @@ void wd_timerPass(const struct timeval* now) {
 
 void* wd_timerProc(void*) {
   for (;;) {
-    struct timeval now;
+    wdTimeVal now;
     gClock(&now);
     wd_timerPass(&now);
     struct timeval wait = {0, 100000};

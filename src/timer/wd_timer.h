@@ -11,22 +11,24 @@
 
 #include <pthread.h>
 #include <stdint.h>
-#include <sys/time.h>
 
 #include "timer_list.h"
 
 typedef int (*wdTimerCallback)(int id, int arg);
 
-// One armed timer. The expiry keeps 64-bit seconds, so that timers work on
-// either side of 2038 whatever the width of the platform's time_t.
+// A time on the real-time clock: seconds since 1970 and microseconds.
+typedef struct wdTimeVal {
+  int64_t tv_sec;
+  int32_t tv_usec;
+} wdTimeVal;
+
+// One armed timer. Times keep 64-bit seconds, so that timers work on either
+// side of 2038 whatever the width of the platform's time_t.
 typedef struct timerNode {
   int id;
-  int arg;       // the module id in every use by the daemon
-  int interval;  // milliseconds; the period of a periodic timer
-  struct {
-    int64_t sec;
-    int32_t usec;  // below 1,000,000
-  } expiry;
+  int arg;           // the module id in every use by the daemon
+  int interval;      // milliseconds; the period of a periodic timer
+  wdTimeVal expiry;  // microseconds below 1,000,000
   wdTimerCallback callback;
 } timerNode;
 
@@ -45,12 +47,12 @@ void* wd_timerProc(void* arg);
 // One pass of the timer thread for the time `now`: due one-shot timers are
 // removed and called in arming order, then due periodic timers are called
 // once each and re-armed from `now`. Takes timerMutex; calls without it.
-void wd_timerPass(const struct timeval* now);
+void wd_timerPass(const wdTimeVal* now);
 // The real-time clock (CLOCK_REALTIME) as seconds and microseconds.
-int gettimeofday_n(struct timeval* tv);
+int gettimeofday_n(wdTimeVal* tv);
 // The clock that arming and the timer thread read; gettimeofday_n unless a
 // test hands in its own. Not for use while the timer thread runs.
-void wd_timerSetClock(int (*clock)(struct timeval* tv));
+void wd_timerSetClock(int (*clock)(wdTimeVal* tv));
 
 // Creating operations: a new timer id (1 or more), or -1 with
 // "Error: Can't start timer\n" / "Error: Can't start periodic timer\n".

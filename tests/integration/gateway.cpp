@@ -69,9 +69,31 @@ std::vector<std::string> FakeTimeEnv(int speed) {
   return env;
 }
 
+std::string Emulator() {
+  const char* emulator = getenv("WD_EMULATOR");
+  return emulator ? emulator : "";
+}
+
+std::string Installed(const std::string& program) {
+  return Emulator().empty() ? program : Emulator() + " /opt/watchdogd/bin/" + program;
+}
+
+uint32_t FromTarget(uint32_t raw) {
+  const char* endian = getenv("WD_TARGET_ENDIAN");
+  const uint32_t one = 1;
+  bool hostBig = *reinterpret_cast<const unsigned char*>(&one) == 0;
+  bool targetBig = endian != nullptr ? strcmp(endian, "big") == 0 : hostBig;
+  return targetBig == hostBig ? raw : __builtin_bswap32(raw);
+}
+
 bool Daemon::Start(const std::vector<std::string>& args, bool waitReady,
                    const std::vector<std::string>& env) {
-  std::vector<std::string> argv = {kDaemon};
+  // An emulated daemon keeps real time: the emulator's waits are not scaled.
+  std::vector<std::string> argv;
+  std::istringstream emulator(Emulator());
+  for (std::string word; emulator >> word;) argv.push_back(word);
+  if (!argv.empty()) speed = 1;
+  argv.push_back(kDaemon);
   argv.insert(argv.end(), args.begin(), args.end());
   std::vector<char*> cargv;
   for (auto& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
@@ -94,7 +116,7 @@ bool Daemon::Start(const std::vector<std::string>& args, bool waitReady,
     dup2(err, STDERR_FILENO);
     int out = open("/gw/watchdogd.stdout", O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dup2(out, STDOUT_FILENO);
-    execve(kDaemon, cargv.data(), cenv.data());
+    execvpe(cargv[0], cargv.data(), cenv.data());
     _exit(127);
   }
   readyMark_ = 0;

@@ -17,6 +17,15 @@
 namespace gw {
 
 constexpr const char* kDaemon = "/opt/watchdogd/sbin/watchdogd";
+
+// The installed programs may be built for another target (the gateway's MIPS):
+// WD_EMULATOR then names the command that runs them (qemu-mips -L ...) and
+// WD_TARGET_ENDIAN their byte order ("big"). Empty for this machine's build.
+std::string Emulator();
+// A command line for an installed program, through the emulator if any.
+std::string Installed(const std::string& program);
+// A 32-bit field of a record written by the installed programs.
+uint32_t FromTarget(uint32_t raw);
 constexpr const char* kDaemonStderr = "/gw/watchdogd.stderr";
 
 // Options for running a process under libfaketime: the clock runs `speed`

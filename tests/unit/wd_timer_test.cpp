@@ -17,8 +17,8 @@
 
 namespace {
 
-timeval gNow;
-int FakeClock(timeval* tv) {
+wdTimeVal gNow;
+int FakeClock(wdTimeVal* tv) {
   *tv = gNow;
   return 0;
 }
@@ -47,7 +47,7 @@ class TimerTest : public ::testing::Test {
   }
 
   static void PassAt(long sec, long usec) {
-    timeval now = {sec, usec};
+    wdTimeVal now = {sec, static_cast<int32_t>(usec)};
     wd_timerPass(&now);
   }
   static timerNode* First(timerList* list) {
@@ -58,8 +58,8 @@ class TimerTest : public ::testing::Test {
 TEST_F(TimerTest, ExpiryArithmeticAndDueRule) {
   ASSERT_EQ(wd_addTimer(1, 250, Record, 7), 0);
   timerNode* t = First(&time_list);
-  EXPECT_EQ(t->expiry.sec, 11);
-  EXPECT_EQ(t->expiry.usec, 150000);
+  EXPECT_EQ(t->expiry.tv_sec, 11);
+  EXPECT_EQ(t->expiry.tv_usec, 150000);
   EXPECT_EQ(t->interval, 250);
 
   PassAt(11, 149999);
@@ -72,8 +72,8 @@ TEST_F(TimerTest, ExpiryArithmeticAndDueRule) {
 
   gNow = {100, 999999};
   ASSERT_EQ(wd_addTimer(2, 2001, Record, 0), 0);
-  EXPECT_EQ(First(&time_list)->expiry.sec, 103);
-  EXPECT_EQ(First(&time_list)->expiry.usec, 999);
+  EXPECT_EQ(First(&time_list)->expiry.tv_sec, 103);
+  EXPECT_EQ(First(&time_list)->expiry.tv_usec, 999);
 }
 
 TEST_F(TimerTest, ArmingAnArmedIdMovesItAndKeepsItsInterval) {
@@ -82,7 +82,7 @@ TEST_F(TimerTest, ArmingAnArmedIdMovesItAndKeepsItsInterval) {
   ASSERT_EQ(wd_addTimer(5, 3000, Record, 2), 0);
   ASSERT_EQ(timer_list_size(&time_list), 1);
   timerNode* t = First(&time_list);
-  EXPECT_EQ(t->expiry.sec, 53);
+  EXPECT_EQ(t->expiry.tv_sec, 53);
   EXPECT_EQ(t->interval, 1000);
   EXPECT_EQ(t->arg, 2);
 }
@@ -94,8 +94,8 @@ TEST_F(TimerTest, PeriodicTimerMovesOnFromThePassThatFiredIt) {
   EXPECT_TRUE(gCalls.empty());
   PassAt(1, 50000);
   EXPECT_EQ(gCalls.size(), 1u);
-  EXPECT_EQ(First(&periodic_time_list)->expiry.sec, 2);
-  EXPECT_EQ(First(&periodic_time_list)->expiry.usec, 50000);
+  EXPECT_EQ(First(&periodic_time_list)->expiry.tv_sec, 2);
+  EXPECT_EQ(First(&periodic_time_list)->expiry.tv_usec, 50000);
   PassAt(2, 0);
   EXPECT_EQ(gCalls.size(), 1u);
   PassAt(2, 50000);

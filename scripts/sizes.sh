@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Prints, for this machine's build and the gateway's MIPS build, the stripped
+# size of watchdogd, of each tool and of the platform libraries, and the
+# libraries each needs (readelf -d). Figures only.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+"$top/scripts/deps.sh"
+
+report() {  # report NAME BUILD-DIR TOOL-PREFIX
+  local name=$1 dir=$2 prefix=$3
+  local stage="$dir/stage" tmp
+  tmp=$(mktemp -d)
+  echo "== $name =="
+  printf '%-22s %10s  %s\n' file "stripped" "needs"
+  for f in sbin/watchdogd bin/tcapi bin/wdctl lib/libtcapi.so lib/libwdfunc.so; do
+    cp "$stage/$f" "$tmp/x"
+    "${prefix}strip" "$tmp/x"
+    needs=$("${prefix}readelf" -d "$stage/$f" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
+    printf '%-22s %10s  %s\n' "$f" "$(stat -c %s "$tmp/x")" "$needs"
+  done
+  rm -rf "$tmp"
+}
+
+for target in native mips; do
+  dir="$top/build-size-$target"
+  args=(-DCMAKE_BUILD_TYPE=MinSizeRel -DWD_BUILD_TESTS=OFF)
+  [ "$target" = mips ] && args+=(-DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake")
+  cmake -S "$top" -B "$dir" "${args[@]}" > /dev/null
+  cmake --build "$dir" -j "$(nproc)" > /dev/null
+  cmake --install "$dir" --prefix "$dir/stage" > /dev/null
+done
+report "this machine ($(uname -m))" "$top/build-size-native" ""
+report "gateway target (mips, big-endian, 32-bit)" "$top/build-size-mips" "mips-linux-gnu-"
