@@ -9,12 +9,12 @@ dir="$top/build-bench"
 cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF -DWD_BUILD_BENCH=ON > /dev/null
 cmake --build "$dir" -j "$(nproc)" > /dev/null
 cmake --install "$dir" --prefix "$dir/stage" > /dev/null
-run() { "$top/gateway/gw-run" --prefix "$dir/stage" --ro "$dir" -- "$@"; }
+run() { "$top/gateway/gw-run" --syslog --prefix "$dir/stage" --ro "$dir" -- "$@"; }
 
 echo "== timer service =="
 run "$dir/bench/timer_bench"
 
-echo "== idle daemon (all default modules running, 20 s) =="
+echo "== idle daemon (the modules that always run, 20 s after its 30-second start) =="
 run sh -c '
   tcapi set Watchdog_Common Enable 1
   watchdogd 2>/dev/null &
@@ -26,4 +26,35 @@ run sh -c '
   hz=$(getconf CLK_TCK)
   echo "CPU: $(( (t1 - t0) * 1000 / hz )) ms in 20 s"
   grep -E "^(VmRSS|VmSize|Threads)" /proc/$pid/status
+'
+
+echo "== long run: 100 minutes of the daemon's time in 60 s (libfaketime x100) =="
+echo "   PPPoE checks every 10 s with ping and lookup, the WAN line cut and restored"
+echo "   every 5 minutes, an IGMP timer every second: what the process holds over time"
+"$top/gateway/gw-run" --net --syslog --faketime 100 --prefix "$dir/stage" -- sh -c '
+  real_sleep() { env -u LD_PRELOAD sleep "$1"; }
+  tcapi set Watchdog_Common Enable 1
+  tcapi set Wan_PVC0 ENCAP "PPPoE LLC"
+  tcapi set Watchdog_PPP Timer 10
+  tcapi set Watchdog_PPP AlertAfter 1
+  tcapi set Watchdog_PPP MaxReset 100
+  tcapi set Watchdog_PPP PingIP 198.51.100.1
+  tcapi set Watchdog_PPP LookupDomain wan.test
+  tcapi set Watchdog_IGMP Period 1
+  watchdogd 2>/dev/null &
+  while [ ! -d /var/wd_tmp ]; do real_sleep 0.1; done
+  pid=$(pidof watchdogd)
+  snapshot() {
+    printf "%-8s fds=%s threads=%s rss=%s kB reports delivered=%s\n" "$1" \
+      "$(ls /proc/$pid/fd | wc -l)" "$(ls /proc/$pid/task | wc -l)" \
+      "$(busybox awk "/VmRSS/ {print \$2}" /proc/$pid/status)" \
+      "$(grep -c my.app.wd /var/log/messages)"
+  }
+  snapshot start
+  for round in 1 2 3 4 5 6 7 8 9 10; do
+    /gw/sim/wan-link cut; real_sleep 3
+    /gw/sim/wan-link restore; real_sleep 3
+    [ "$round" = 5 ] && snapshot half
+  done
+  snapshot end
 '

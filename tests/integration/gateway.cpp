@@ -172,8 +172,8 @@ bool Exists(const std::string& path) {
 
 // How much faster than real time this process's sleeps run (libfaketime).
 int TimeScale() {
-  const char* spec = getenv("FAKETIME");
-  const char* x = spec && getenv("LD_PRELOAD") ? strchr(spec, 'x') : nullptr;
+  const char* setting = getenv("FAKETIME");
+  const char* x = setting && getenv("LD_PRELOAD") ? strchr(setting, 'x') : nullptr;
   int scale = x ? atoi(x + 1) : 1;
   return scale > 0 ? scale : 1;
 }

@@ -142,13 +142,6 @@ TEST_F(ChannelTest, BindFailureIsReportedAndTheSocketKept) {
   EXPECT_EQ(err, "gModule#11#, Port is currently being used by some other application \n");
 }
 
-TEST_F(ChannelTest, InitTimeVal) {
-  timeval tv = {123, 456};
-  EXPECT_EQ(wd_initTimeVal(&tv, 60), 0);
-  EXPECT_EQ(tv.tv_sec, 60);
-  EXPECT_EQ(tv.tv_usec, 0);
-}
-
 std::string ReadConsole() {
   std::ifstream in("/dev/console");
   std::stringstream ss;

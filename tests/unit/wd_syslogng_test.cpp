@@ -2,6 +2,8 @@
 // the memory check and the signal requests.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -141,6 +143,10 @@ TEST_F(SyslogNgTest, RemoteDestinations) {
     EXPECT_EQ(Restart(), std::string(c.console) +
                              "RestartSysklogng. /usr/sbin/syslog-ng -f /var/syslog-ng.conf\n");
     EXPECT_EQ(Appended(), std::string(c.destination) + kLog);
+    if (strcmp(c.protocol, "SCTP") != 0) {
+      EXPECT_EQ(system("syslog-ng --syntax-only -f /var/syslog-ng.conf"), 0)
+          << "syslog-ng takes it";
+    }
   }
 }
 
