@@ -7,6 +7,7 @@
 // and ends itself in wd_threadExit; gStartLock orders the storing of its id
 // after creation before the clearing at its end.
 #include "wd_common.h"
+#include "wd_lock.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -215,19 +216,11 @@ const ModDef kModDefs[MOD_MSG_RESEND] = {
 
 bool Unset(const char* value) { return value[0] == '\0' || strcmp(value, "0") == 0; }
 
-class StartLock {
- public:
-  StartLock() { pthread_mutex_lock(&gStartLock); }
-  ~StartLock() { pthread_mutex_unlock(&gStartLock); }
-  StartLock(const StartLock&) = delete;
-  StartLock& operator=(const StartLock&) = delete;
-};
-
 [[noreturn]] void EndModule(uint8_t modId) {
   wdSubModEntry& entry = gSubMod[modId];
   int own = tlsChannelFd;
   {
-    StartLock lock;
+    wdLock lock(&gStartLock);
     entry.timer = 0;
     // Only what is this thread's own: a second thread started for the same
     // module meanwhile keeps its channel and its id.
@@ -255,7 +248,7 @@ int wd_initSubModData(void) {
 
 int wd_startModThread(int modId) {
   wdSubModEntry& entry = gSubMod[modId];
-  StartLock lock;
+  wdLock lock(&gStartLock);
   pthread_t tid;
   int rc = pthread_create(&tid, nullptr, entry.handler, reinterpret_cast<void*>(60));
   if (rc == 0) entry.threadId = tid;

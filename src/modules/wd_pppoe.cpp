@@ -81,6 +81,30 @@ bool AnyLine(const char* path, int (*passes)(const char*), bool* opened) {
   return passed;
 }
 
+// Runs a ping or lookup stage: the command, the wait, the output read back.
+// A pass clears the kind's fail counter, a failure escalates. Returns 1 when
+// the stage passed, 0 when it failed, -1 when its output could not be read
+// (no counter changes). The output file is deleted in every case.
+int Stage(const char* command, unsigned wait, const char* file, int (*passes)(const char*),
+          const char* openFail, wdPppKind kind) {
+  Shell(command);
+  sleep(wait);
+  bool opened;
+  bool passed = AnyLine(file, passes, &opened);
+  if (!opened) {
+    tcdbg_printf("%s", openFail);
+    unlink(file);
+    return -1;
+  }
+  if (passed) {
+    *(kind == WD_PPP_PING ? &Ping_fail_times : &dns_fail_times) = 0;
+  } else {
+    mod_pppoe_escalate(kind);
+  }
+  unlink(file);
+  return passed ? 1 : 0;
+}
+
 // Copies the text after `from` up to the next blank, at most size - 1 bytes.
 void CopyWord(char* field, size_t size, const char* from) {
   size_t n = strcspn(from, " \t\r\n");
@@ -232,22 +256,10 @@ void mod_pppoe_TimerExpire(void) {
     }
     snprintf(command, sizeof command, "ping -c 10 %s > %s 2>/dev/null", ppp_config.PingIP,
              kPingFile);
-    Shell(command);
-    sleep(21);
-    bool opened;
-    bool passed = AnyLine(kPingFile, mod_pppoe_pingLinePassed, &opened);
-    if (!opened) {
-      tcdbg_printf("open ping file fail\n");
-      unlink(kPingFile);
+    if (Stage(command, 21, kPingFile, mod_pppoe_pingLinePassed, "open ping file fail\n",
+              WD_PPP_PING) != 1) {
       return;
     }
-    if (passed) {
-      Ping_fail_times = 0;
-    } else {
-      mod_pppoe_escalate(WD_PPP_PING);
-    }
-    unlink(kPingFile);
-    if (!passed) return;
   }
 
   // Name-lookup stage.
@@ -262,24 +274,13 @@ void mod_pppoe_TimerExpire(void) {
                kLookupFile) >= static_cast<int>(sizeof command)) {
     return;  // not reached: the length was checked above
   }
-  Shell(command);
-  sleep(10);
-  bool opened;
-  bool passed = AnyLine(kLookupFile, mod_pppoe_lookupLinePassed, &opened);
-  if (!opened) {
-    tcdbg_printf("open nslookup file fail\n");
-    unlink(kLookupFile);
+  if (Stage(command, 10, kLookupFile, mod_pppoe_lookupLinePassed, "open nslookup file fail\n",
+            WD_PPP_DNS) != 1) {
     return;
   }
-  if (passed) {
-    dns_fail_times = 0;
-  } else {
-    mod_pppoe_escalate(WD_PPP_DNS);
-  }
-  unlink(kLookupFile);
 
   // All clear.
-  if (passed && alarm_flag == 1) {
+  if (alarm_flag == 1) {
     alarm_flag = 0;
     mod_pppoe_AlarmSyslog("CEASE_CONN_OK");
   }

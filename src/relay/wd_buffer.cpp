@@ -10,6 +10,7 @@
 #include "tcapi.h"
 #include "wd_buffer.h"
 #include "wd_common.h"
+#include "wd_lock.h"
 
 wdBufList* commBufList = nullptr;
 int32_t maxSeqNum = 0;
@@ -19,14 +20,6 @@ uint8_t buffSaved = 0;
 pthread_mutex_t bufMutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
-
-class BufLock {
- public:
-  BufLock() { pthread_mutex_lock(&bufMutex); }
-  ~BufLock() { pthread_mutex_unlock(&bufMutex); }
-  BufLock(const BufLock&) = delete;
-  BufLock& operator=(const BufLock&) = delete;
-};
 
 bool IsPpp(const wdBufNode* node) {
   return node->obj != nullptr && node->obj->category == WD_CATEGORY_PPP;
@@ -42,7 +35,7 @@ wdBufNode* NewNode(wdBufList* list, wdBufMsgObj* obj) {
 
 // Creates the object, adds it, and frees it again when the add refused it.
 int Push(const char* line, uint32_t category, bool limits) {
-  BufLock lock;
+  wdLock lock(&bufMutex);
   wdBufMsgObj* obj = bufCreateMsgObj(line);
   if (obj != nullptr) obj->category = category;
   int rc;

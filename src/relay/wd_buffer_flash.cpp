@@ -16,6 +16,7 @@
 #include "tcapi.h"
 #include "wd_buffer.h"
 #include "wd_common.h"
+#include "wd_lock.h"
 
 pthread_t bufThreadRX, bufThreadTX, bufThreadResend;
 
@@ -142,7 +143,7 @@ int loadMsgToWDBuf(void) {
 void wd_bufInit(void) {
   commBufList = static_cast<wdBufList*>(calloc(1, sizeof(wdBufList)));
   {
-    pthread_mutex_lock(&bufMutex);
+    wdLock lock(&bufMutex);
     maxBufNum = 0;
     maxSeqNum = 0;
     msgFailNum = 0;
@@ -154,7 +155,6 @@ void wd_bufInit(void) {
     timerChkSyslog = -1;
     timerSaveSyslog = -1;
     sngReload = 0;
-    pthread_mutex_unlock(&bufMutex);
   }
 
   struct sigaction sa;
@@ -166,9 +166,10 @@ void wd_bufInit(void) {
   sa.sa_handler = DumpList;
   sigaction(SIGUSR2, &sa, nullptr);
 
-  pthread_mutex_lock(&bufMutex);
-  bufListInit(commBufList);
-  pthread_mutex_unlock(&bufMutex);
+  {
+    wdLock lock(&bufMutex);
+    bufListInit(commBufList);
+  }
   loadMsgToWDBuf();
 
   snprintf(gSubMod[MOD_MSG_RESEND].chanlPath, WD_CHANL_PATH_SIZE, "/var/wd_msg_resend.chanl");
@@ -193,9 +194,11 @@ wdLoopAction OnResendEvent(wdMsg* msg, void*) {
   if (msg->eventType == TX_CHECK_TIMEOUT) {
     msgResend = 1;
   } else if (msg->eventType == TX_SAVE_TIMEOUT) {
-    pthread_mutex_lock(&bufMutex);
-    int rc = saveMsgToFlash(commBufList);
-    pthread_mutex_unlock(&bufMutex);
+    int rc;
+    {
+      wdLock lock(&bufMutex);
+      rc = saveMsgToFlash(commBufList);
+    }
     if (rc == -1) tcdbg_printf("Error: Not able to save syslogs to flash!\n");
   }
   return WD_LOOP_CONTINUE;

@@ -14,6 +14,7 @@
 #include "tcapi.h"
 #include "wd_buffer.h"
 #include "wd_common.h"
+#include "wd_lock.h"
 #include "wd_timer.h"
 
 std::atomic<uint8_t> dontSend{0};
@@ -32,14 +33,6 @@ namespace {
 constexpr int kCheckMs = 30000;
 constexpr int kSaveMs = 180000;
 constexpr int kMemoryCheckTicks = 100;
-
-class BufLock {
- public:
-  BufLock() { pthread_mutex_lock(&bufMutex); }
-  ~BufLock() { pthread_mutex_unlock(&bufMutex); }
-  BufLock(const BufLock&) = delete;
-  BufLock& operator=(const BufLock&) = delete;
-};
 
 sockaddr_un TxAddr() {
   sockaddr_un addr;
@@ -74,7 +67,7 @@ void Send(const Outgoing& out, const char* traceFormat, const char* sendError) {
   sockaddr_un addr = TxAddr();
   if (connect(sockfd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     {
-      BufLock lock;
+      wdLock lock(&bufMutex);
       wdBufNode* node = bufNodeSearch(commBufList, out.seqNum);
       if (node != nullptr && node->obj != nullptr) node->obj->state = WD_LINE_UNSENT;
     }
@@ -104,7 +97,7 @@ void ProbeTick() {
   Outgoing out;
   bool have = false;
   {
-    BufLock lock;
+    wdLock lock(&bufMutex);
     if (SyslogngRestart() == 1) setBufAllUnsent(commBufList);
     wdBufNode* head = commBufList->head;
     if (head != nullptr && head->obj != nullptr) {
@@ -114,7 +107,7 @@ void ProbeTick() {
     }
   }
   if (have) Send(out, "-->Resend #%d(%d:%d,%d) %s\n", "Watchdogd, resend failed!!\n");
-  BufLock lock;
+  wdLock lock(&bufMutex);
   Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT);
 }
 
@@ -122,7 +115,7 @@ void NormalTick() {
   Outgoing out;
   bool have = false;
   {
-    BufLock lock;
+    wdLock lock(&bufMutex);
     if (SyslogngRestart() == 1) setBufAllUnsent(commBufList);
     wdBufNode* node = bufNodeSearchUnsent1st(commBufList);
     if (node != nullptr) {
@@ -137,7 +130,7 @@ void NormalTick() {
 void OnAnswer(int seq, int result) {
   char line[WD_LINE_SIZE];
   {
-    BufLock lock;
+    wdLock lock(&bufMutex);
     if (dontSend && chkSeqNum != -1 && seq == chkSeqNum) {
       if (result != 0) {
         Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT);
@@ -179,7 +172,7 @@ void OnAnswer(int seq, int result) {
   }
   if (++msgFailNum < 3 || dontSend) return;
   {
-    BufLock lock;
+    wdLock lock(&bufMutex);
     dontSend = 1;
     Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT);
     Rearm(&timerSaveSyslog, kSaveMs, TX_SAVE_TIMEOUT);

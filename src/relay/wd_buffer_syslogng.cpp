@@ -12,6 +12,7 @@
 #include "tcapi.h"
 #include "wd_buffer.h"
 #include "wd_common.h"
+#include "wd_lock.h"
 #include "wd_timer.h"
 
 namespace {
@@ -118,11 +119,10 @@ void checkSyslogngMemory(void) {
   if (any && largest >= kMemoryLimit) {
     tcdbg_printf("Restart syslog-ng process !\n");
     RestartSysklogng();
-    pthread_mutex_lock(&bufMutex);
+    wdLock lock(&bufMutex);
     dontSend = 1;
     wd_timerStop(timerChkSyslog);
     timerChkSyslog = wd_setEventTimer(30000, MOD_MSG_RESEND, TX_CHECK_TIMEOUT);
-    pthread_mutex_unlock(&bufMutex);
   }
   fclose(f);
   unlink(kListing);
@@ -203,9 +203,10 @@ void wd_bufServeSignals(void) {
   }
   for (int n = gDumpRequests.exchange(0); n > 0; --n) {
     WD_CONSOLE("==== Dump of buffered syslog ====\n");
-    pthread_mutex_lock(&bufMutex);
-    printBufAll(commBufList);
-    pthread_mutex_unlock(&bufMutex);
+    {
+      wdLock lock(&bufMutex);
+      printBufAll(commBufList);
+    }
     WD_CONSOLE("==== End ====\n");
   }
 }

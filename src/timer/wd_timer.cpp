@@ -13,6 +13,7 @@
 
 #include "tcapi.h"
 #include "wd_common.h"
+#include "wd_lock.h"
 
 timerList time_list;
 timerList periodic_time_list;
@@ -23,14 +24,6 @@ int tmIdIndex = 0;
 namespace {
 
 int (*gClock)(wdTimeVal*) = gettimeofday_n;
-
-class TimerLock {
- public:
-  TimerLock() { pthread_mutex_lock(&timerMutex); }
-  ~TimerLock() { pthread_mutex_unlock(&timerMutex); }
-  TimerLock(const TimerLock&) = delete;
-  TimerLock& operator=(const TimerLock&) = delete;
-};
 
 void ExpiryAfter(const wdTimeVal* now, int interval, timerNode* t) {
   if (interval < 0) interval = 0;  // a negative interval is simply due at once
@@ -55,7 +48,7 @@ int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg
   t->arg = arg;
   t->callback = callback;
 
-  TimerLock lock;
+  wdLock lock(&timerMutex);
   timerListIterator it;
   for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
     timerNode* old = static_cast<timerNode*>(e);
@@ -75,7 +68,7 @@ int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg
 }
 
 int Disarm(timerList* list, int id) {
-  TimerLock lock;
+  wdLock lock(&timerMutex);
   timerListIterator it;
   void* e = timer_list_get_first(list, &it);
   while (e != nullptr) {
@@ -94,7 +87,7 @@ int Disarm(timerList* list, int id) {
 int Create(bool periodic, int interval, wdTimerCallback callback, int modId) {
   int id;
   {
-    TimerLock lock;
+    wdLock lock(&timerMutex);
     id = ++tmIdIndex;
   }
   int rc = -1;
@@ -104,7 +97,7 @@ int Create(bool periodic, int interval, wdTimerCallback callback, int modId) {
   }
   if (rc == 0) return id;
   tcdbg_printf(periodic ? "Error: Can't start periodic timer\n" : "Error: Can't start timer\n");
-  TimerLock lock;
+  wdLock lock(&timerMutex);
   if (tmIdIndex == id) --tmIdIndex;
   return -1;
 }
@@ -117,7 +110,7 @@ void wd_timerSetClock(int (*clock)(wdTimeVal* tv)) { gClock = clock ? clock : ge
 
 void wd_timerInit(void) {
   {
-    TimerLock lock;
+    wdLock lock(&timerMutex);
     timer_list_init(&time_list);
     timer_list_init(&periodic_time_list);
   }
@@ -133,7 +126,7 @@ void wd_timerPass(const wdTimeVal* now) {
   std::vector<timerNode*> oneShots;
   std::vector<Noted> periodics;
   {
-    TimerLock lock;
+    wdLock lock(&timerMutex);
     timerListIterator it;
     void* e = timer_list_get_first(&time_list, &it);
     while (e != nullptr) {

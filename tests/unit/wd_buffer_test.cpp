@@ -12,14 +12,9 @@
 
 #include "wd_common.h"
 
-namespace {
+#include "unit_util.h"
 
-std::string Slurp(const char* path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+namespace {
 
 bool Exists(const char* path) {
   struct stat st;
@@ -28,24 +23,7 @@ bool Exists(const char* path) {
 
 class BufferTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    unlink(WD_FLASH_FILE);
-    pthread_mutex_lock(&bufMutex);
-    maxSeqNum = 0;
-    maxBufNum = 0;
-    pppMsgNum = 0;
-    buffSaved = 0;
-    list_ = wdBufList{};
-    bufListInit(&list_);
-    commBufList = &list_;
-    pthread_mutex_unlock(&bufMutex);
-  }
-  void TearDown() override {
-    pthread_mutex_lock(&bufMutex);
-    while (list_.head != nullptr) bufNodeDel(&list_, list_.head);
-    commBufList = nullptr;
-    pthread_mutex_unlock(&bufMutex);
-  }
+  void SetUp() override { unlink(WD_FLASH_FILE); }
 
   // The lines as "seq:text:category" from head to tail.
   std::vector<std::string> Lines() {
@@ -71,7 +49,8 @@ class BufferTest : public ::testing::Test {
     return rc;
   }
 
-  wdBufList list_;
+  ScopedBuffer buffer_;
+  wdBufList& list_ = buffer_.list;
 };
 
 TEST_F(BufferTest, PppLinesGoFirstInTheirOwnOrderAndTheSecondWritesFlash) {
@@ -310,14 +289,14 @@ TEST_F(BufferTest, LoaderSurvivesDamagedCopies) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file.substr(0, 60));
-    SetUp();
+    buffer_.Clear();
+    maxSeqNum = 0;
     std::ofstream(WD_FLASH_FILE, std::ios::binary) << c.file;
     testing::internal::CaptureStderr();
     loadMsgToWDBuf();
     testing::internal::GetCapturedStderr();
     EXPECT_EQ(Lines(), c.lines);
     EXPECT_FALSE(Exists(WD_FLASH_FILE));
-    TearDown();
   }
 }
 

@@ -15,6 +15,8 @@
 #include "wd_buffer.h"
 #include "wd_common.h"
 
+#include "unit_util.h"
+
 namespace {
 
 // "ifconfig ppp0" of the gateway's BusyBox, link up with both address kinds.
@@ -49,19 +51,7 @@ class PppoeTest : public ::testing::Test {
     ppp_fail_times = Ping_fail_times = dns_fail_times = 0;
     ppp_Num_reset = Ping_Num_reset = dns_Num_reset = 0;
     alarm_flag = 0;
-    pthread_mutex_lock(&bufMutex);
-    list_ = wdBufList{};
-    bufListInit(&list_);
-    commBufList = &list_;
-    pppMsgNum = 0;
-    pthread_mutex_unlock(&bufMutex);
     wd_initData();
-  }
-  void TearDown() override {
-    pthread_mutex_lock(&bufMutex);
-    while (list_.head != nullptr) bufNodeDel(&list_, list_.head);
-    commBufList = nullptr;
-    pthread_mutex_unlock(&bufMutex);
   }
 
   // The alarm texts reported so far, after the line prefix.
@@ -80,15 +70,8 @@ class PppoeTest : public ::testing::Test {
     while (std::getline(in, line)) ++n;
     return n;
   }
-  // Removes the reported alarms, as acknowledgements would.
-  void Drain() {
-    pthread_mutex_lock(&bufMutex);
-    while (list_.head != nullptr) bufNodeDel(&list_, list_.head);
-    pppMsgNum = 0;
-    pthread_mutex_unlock(&bufMutex);
-  }
-
-  wdBufList list_;
+  ScopedBuffer buffer_;
+  wdBufList& list_ = buffer_.list;
 };
 
 TEST_F(PppoeTest, ConfigurationIsReadConvertedAndCut) {

@@ -6,12 +6,13 @@
 #include "wd_buffer.h"
 #include "wd_common.h"
 
+#include "unit_util.h"
+
 namespace {
 
 TEST(NoFlashDevice, EveryReportRetriesAndGoesOutWithZeros) {
-  static wdBufList list;
-  bufListInit(&list);
-  commBufList = &list;
+  ScopedBuffer buffer;
+  wdBufList& list = buffer.list;
   testing::internal::CaptureStderr();
   EXPECT_EQ(wd_initData(), 0);
   EXPECT_EQ(wd_syslogStr(7, "arp"), 0);

@@ -9,29 +9,17 @@
 #include "wd_buffer.h"
 #include "wd_common.h"
 
+#include "unit_util.h"
+
 namespace {
 
 class SyslogLineTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    pthread_mutex_lock(&bufMutex);
-    list_ = wdBufList{};
-    bufListInit(&list_);
-    commBufList = &list_;
-    maxSeqNum = 0;
-    pppMsgNum = 0;
-    pthread_mutex_unlock(&bufMutex);
-  }
-  void TearDown() override {
-    pthread_mutex_lock(&bufMutex);
-    while (list_.head != nullptr) bufNodeDel(&list_, list_.head);
-    commBufList = nullptr;
-    pthread_mutex_unlock(&bufMutex);
-    debuglevel = 0;
-  }
+  void TearDown() override { debuglevel = 0; }
   std::string Tail() { return list_.tail ? list_.tail->obj->msg : ""; }
 
-  wdBufList list_;
+  ScopedBuffer buffer_;
+  wdBufList& list_ = buffer_.list;
 };
 
 TEST_F(SyslogLineTest, IdentityStartsEmptyAndComesFromTheMrdRecord) {

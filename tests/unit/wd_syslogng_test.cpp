@@ -16,14 +16,9 @@
 #include "wd_common.h"
 #include "wd_timer.h"
 
-namespace {
+#include "unit_util.h"
 
-std::string Slurp(const char* path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+namespace {
 
 void Write(const char* path, const std::string& text) { std::ofstream(path) << text; }
 
@@ -199,9 +194,7 @@ TEST_F(SyslogNgTest, MemoryCheckAboveTheLimitRestartsAndSuspends) {
 }
 
 TEST_F(SyslogNgTest, SignalsAreNotedAndCarriedOutLater) {
-  static wdBufList list;
-  bufListInit(&list);
-  commBufList = &list;
+  ScopedBuffer buffer;
   wd_syslogPush("buffered line", 3);
   signal(SIGUSR1, TriggerDebugFlag);
   signal(SIGUSR2, DumpList);

@@ -12,6 +12,8 @@
 #include "wd_common.h"
 #include "wd_timer.h"
 
+#include "unit_util.h"
+
 namespace {
 
 constexpr int64_t k2040 = 2208988800;  // 2040-01-01 00:00:00 UTC
@@ -25,9 +27,8 @@ TEST(Past2038, ClockAndReportLineCarryTheTrueSeconds) {
   EXPECT_GE(usec, 0);
   EXPECT_LT(usec, 1000000);
 
-  static wdBufList list;
-  bufListInit(&list);
-  commBufList = &list;
+  ScopedBuffer buffer;
+  wdBufList& list = buffer.list;
   wd_initData();
   ASSERT_EQ(wd_syslogStr(16, "route"), 0);
   std::string line = list.tail->obj->msg;
