@@ -99,6 +99,9 @@ int printBufAll(wdBufList* list);
 // transmit path. Main thread, at start-up.
 void wd_connectSyslogNG(void);
 void* wd_bufTxHandler(void* arg);
+// Stops the check timer and arms it again (30000 ms, TX_CHECK_TIMEOUT).
+// Caller holds bufMutex.
+void wd_bufRearmCheck(void);
 void* wd_bufRxHandler(void* arg);
 
 // ---- Flash copy and start-up ----

@@ -92,6 +92,12 @@ void Rearm(int32_t* id, int ms, int event) {
   *id = wd_setEventTimer(ms, MOD_MSG_RESEND, event);
 }
 
+}  // namespace
+
+void wd_bufRearmCheck(void) { Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT); }
+
+namespace {
+
 void ProbeTick() {
   msgResend = 0;
   Outgoing out;
@@ -108,7 +114,7 @@ void ProbeTick() {
   }
   if (have) Send(out, "-->Resend #%d(%d:%d,%d) %s\n", "Watchdogd, resend failed!!\n");
   wdLock lock(&bufMutex);
-  Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT);
+  wd_bufRearmCheck();
 }
 
 void NormalTick() {
@@ -133,7 +139,7 @@ void OnAnswer(int seq, int result) {
     wdLock lock(&bufMutex);
     if (dontSend && chkSeqNum != -1 && seq == chkSeqNum) {
       if (result != 0) {
-        Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT);
+        wd_bufRearmCheck();
         tcdbg_printf("Watchdogd, syslog STILL can't be sent, reset check timer!!\n");
       } else {
         dontSend = 0;
@@ -174,7 +180,7 @@ void OnAnswer(int seq, int result) {
   {
     wdLock lock(&bufMutex);
     dontSend = 1;
-    Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT);
+    wd_bufRearmCheck();
     Rearm(&timerSaveSyslog, kSaveMs, TX_SAVE_TIMEOUT);
   }
   tcdbg_printf("Watchdogd, message to syslog-ng  fail times too much, stop to send!\n");

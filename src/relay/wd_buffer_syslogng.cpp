@@ -121,8 +121,7 @@ void checkSyslogngMemory(void) {
     RestartSysklogng();
     wdLock lock(&bufMutex);
     dontSend = 1;
-    wd_timerStop(timerChkSyslog);
-    timerChkSyslog = wd_setEventTimer(30000, MOD_MSG_RESEND, TX_CHECK_TIMEOUT);
+    wd_bufRearmCheck();
   }
   fclose(f);
   unlink(kListing);
