@@ -14,6 +14,10 @@ run() { "$top/gateway/gw-run" --syslog --prefix "$dir/stage" --ro "$dir" -- "$@"
 echo "== timer service =="
 run "$dir/bench/timer_bench"
 
+echo "== delivery across 5 syslog-ng restarts: 1000 reports, 100 minutes of the relay's time =="
+"$top/gateway/gw-run" --syslog --faketime 100 --prefix "$dir/stage" --ro "$dir" -- \
+  "$dir/bench/relay_soak" || echo "relay soak: reports were lost"
+
 echo "== idle daemon (the modules that always run, 20 s after its 30-second start) =="
 run sh -c '
   tcapi set Watchdog_Common Enable 1

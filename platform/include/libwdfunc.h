@@ -70,7 +70,9 @@ int WDSockInit(const char* path, struct sockaddr_un* addr);
 int wdmsg_receive(int fd, wdCmdMsg** msg, int* len, struct sockaddr_un* addr);
 
 // Sends `msg` (header and dataLength data bytes) as one datagram to the Unix
-// socket at `path`. Returns the number of bytes sent, or -1 with errno.
+// socket at `path`, without waiting: a receiver whose queue is full gets
+// nothing (-1, errno EAGAIN). Returns the number of bytes sent, or -1 with
+// errno.
 int SendSigToApp(const char* path, wdCmdMsg* msg);
 
 // Non-zero when "Enable" of "Watchdog_Common" is exactly "1".

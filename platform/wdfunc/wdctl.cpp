@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "libwdfunc.h"
-#include "wd_types.h"
+#include "wd_wire.h"
 
 namespace {
 

@@ -72,7 +72,7 @@ extern "C" int SendSigToApp(const char* path, wdCmdMsg* msg) {
   }
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
-  ssize_t n = sendto(fd, msg, sizeof(wdCmdMsg) + msg->dataLength, 0,
+  ssize_t n = sendto(fd, msg, sizeof(wdCmdMsg) + msg->dataLength, MSG_DONTWAIT,
                      reinterpret_cast<sockaddr*>(&addr), sizeof addr);
   int saved = errno;
   close(fd);

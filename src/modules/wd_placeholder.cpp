@@ -1,5 +1,6 @@
 // Stand-in bodies for modules whose own work is not built yet.
-#include "wd_common.h"
+#include "wd_base.h"
+#include "wd_modthread.h"
 #include "wd_modules.h"
 #include "wd_timer.h"
 
@@ -22,12 +23,13 @@ wdLoopAction OnMsg(wdMsg* msg, void*) {
 
 void* wd_placeholderBody(int modId) {
   uint8_t id = static_cast<uint8_t>(modId);
-  if (wd_modOpenChannel(modId) < 0) wd_threadExit(id, 0);
+  wdChanl ch;
+  if (wd_chanlOpen(modId, &ch) < 0) wd_threadExit(id, 0, nullptr);
   wdSubModEntry& entry = gSubMod[modId];
   // Modules 1..8 have a period in the configuration; 9 and 10 have none.
   if (entry.timer == 0 && modId <= MOD_VOIP_REGISTER) entry.timer = wd_updateModTimer(id);
   int timerId = entry.timer != 0 ? wd_setDefaultPTimer(wd_periodMs(entry.timer), modId) : 0;
   if (timerId < 0) timerId = 0;
-  wd_modLoop(modId, kText, OnMsg, nullptr);
-  wd_threadExit(id, timerId);
+  wd_modLoop(&ch, kText, OnMsg, nullptr);
+  wd_threadExit(id, timerId, &ch);
 }

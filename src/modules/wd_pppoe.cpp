@@ -1,20 +1,25 @@
 // The PPPoE module: configuration, alarms, the check cycle and the module loop.
 //
-// The cycle runs the gateway's tools (ifconfig, ping, nslookup) through the
-// shell with their output in files under /tmp, and reads the files back. The
-// configured ping address and domain go into those command lines, so only
-// values that are plain host names or addresses ever reach the shell.
+// The cycle runs the gateway's tools (ifconfig, ping, nslookup) with their
+// output in fresh files under /tmp, and reads the files back. No shell is
+// involved: the configured ping address and domain are split into words as a
+// shell would split them and handed to the tool as its arguments.
 #include "wd_pppoe.h"
 
-#include <ctype.h>
-#include <stdio.h>
+#include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
 #include "tcapi.h"
-#include "wd_common.h"
-#include "wd_modules.h"
+#include "wd_base.h"
+#include "wd_modthread.h"
+#include "wd_proc.h"
+#include "wd_syslog.h"
 #include "wd_timer.h"
 
 wdPppConfig ppp_config;
@@ -32,7 +37,6 @@ constexpr const char* kStatusFile = "/tmp/ppp_status";
 constexpr const char* kPingFile = "/tmp/ping_result";
 constexpr const char* kLookupFile = "/tmp/nslookup_result";
 constexpr int kDailyMs = 86400000;
-constexpr size_t kCommandSize = 128;
 
 // Copies `src` into a text field of `size` bytes, cutting it with the
 // module's message when it does not fit.
@@ -62,44 +66,106 @@ void StoreConfig(const char* timer) {
   StoreText(ppp_config.LookupDomain, sizeof ppp_config.LookupDomain, lookupDomain);
 }
 
-// Runs `command` through the shell; its result is not looked at.
-void Shell(const char* command) {
-  int ignored = system(command);
-  (void)ignored;
+enum wdPppKind { WD_PPP_LINK, WD_PPP_PING, WD_PPP_DNS };
+
+// Counts a failure of `kind`; at the (AlertAfter + 1)-th in a row resets the
+// connection (up to MaxReset times a day) and reports the alarm.
+void Escalate(wdPppKind kind) {
+  static const struct {
+    uint32_t* fails;
+    uint32_t* resets;
+    const char* withReset;
+    const char* withoutReset;
+  } kKinds[] = {
+      {&ppp_fail_times, &ppp_Num_reset, "PPP_DOWN_RESET", "PPP_DOWN_NO_RESET"},
+      {&Ping_fail_times, &Ping_Num_reset, "PING_FAILURE_RESET", "PING_FAILURE_NO_RESET"},
+      {&dns_fail_times, &dns_Num_reset, "DNS_FAILURE_RESET", "DNS_FAILURE_NO_RESET"},
+  };
+  const auto& k = kKinds[kind];
+  if (*k.fails < ppp_config.AlertAfter) {
+    if (kind == WD_PPP_DNS) tcdbg_printf("dns_fail_times=%d,nslookup fail\n", *k.fails);
+    ++*k.fails;
+    return;
+  }
+  *k.fails = 0;
+  if (*k.resets < ppp_config.MaxReset) {
+    ++*k.resets;
+    mod_pppoe_reset_ppp();
+    alarm_flag = 1;
+    mod_pppoe_AlarmSyslog(k.withReset);
+  } else {
+    alarm_flag = 1;
+    mod_pppoe_AlarmSyslog(k.withoutReset);
+  }
 }
 
-// Reads `path` line by line; true when `passes` holds for any line. False
-// with `opened` false when the file cannot be opened.
-bool AnyLine(const char* path, int (*passes)(const char*), bool* opened) {
-  FILE* f = fopen(path, "re");
-  *opened = f != nullptr;
-  if (f == nullptr) return false;
+// Runs `argv` with its output in `file` (created fresh, whatever stood
+// there) and its standard error discarded. Returns the file open for reading
+// from its start, or null when it could not be made.
+FILE* RunInto(const std::vector<const char*>& argv, const char* file) {
+  int fd = wd_createFresh(file);
+  if (fd < 0) return nullptr;
+  int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  std::vector<const char*> args(argv);
+  args.push_back(nullptr);
+  wd_run(args.data(), fd, null);
+  if (null >= 0) close(null);
+  lseek(fd, 0, SEEK_SET);
+  FILE* f = fdopen(fd, "r");
+  if (f == nullptr) close(fd);
+  return f;
+}
+
+// True when `passes` holds for any line of `f`, read with 512-byte lines.
+bool AnyLine(FILE* f, int (*passes)(const char*)) {
   char line[512];
   bool passed = false;
   while (fgets(line, sizeof line, f) != nullptr) passed = passed || passes(line);
-  fclose(f);
   return passed;
 }
 
-// Runs a ping or lookup stage: the command, the wait, the output read back.
-// A pass clears the kind's fail counter, a failure escalates. Returns 1 when
-// the stage passed, 0 when it failed, -1 when its output could not be read
-// (no counter changes). The output file is deleted in every case.
-int Stage(const char* command, unsigned wait, const char* file, int (*passes)(const char*),
-          const char* openFail, wdPppKind kind) {
-  Shell(command);
+// The words of a configured value, split on blanks as a shell splits them.
+std::vector<std::string> Words(const char* value) {
+  std::vector<std::string> words;
+  const char* blanks = " \t\n";
+  for (const char* p = value + strspn(value, blanks); *p != '\0'; p += strspn(p, blanks)) {
+    size_t n = strcspn(p, blanks);
+    words.emplace_back(p, n);
+    p += n;
+  }
+  return words;
+}
+
+// Runs a ping or lookup stage: the tool with `fixed` arguments and the words
+// of `value`, the wait, the output read back. A pass clears the kind's fail
+// counter, a failure escalates. Returns 1 when the stage passed, 0 when it
+// failed, -1 when it did not run or its output could not be read (no counter
+// changes). The output file is deleted in every case.
+int Stage(std::vector<const char*> argv, const char* what, const char* value, unsigned wait,
+          const char* file, int (*passes)(const char*), const char* openFail, wdPppKind kind) {
+  std::vector<std::string> words = Words(value);
+  // A word the tool would take as an option, or a value of blanks only, names
+  // no host: nothing is run and the link is not blamed for it.
+  bool refused = value[0] != '\0' && words.empty();
+  for (const std::string& w : words) refused = refused || w[0] == '-';
+  if (refused) {
+    tcdbg_printf("%s %s is not a host name or address, not run\n", what, value);
+    return -1;
+  }
+  for (const std::string& w : words) argv.push_back(w.c_str());
+  FILE* f = RunInto(argv, file);
   sleep(wait);
-  bool opened;
-  bool passed = AnyLine(file, passes, &opened);
-  if (!opened) {
+  if (f == nullptr) {
     tcdbg_printf("%s", openFail);
     unlink(file);
     return -1;
   }
+  bool passed = AnyLine(f, passes);
+  fclose(f);
   if (passed) {
     *(kind == WD_PPP_PING ? &Ping_fail_times : &dns_fail_times) = 0;
   } else {
-    mod_pppoe_escalate(kind);
+    Escalate(kind);
   }
   unlink(file);
   return passed ? 1 : 0;
@@ -113,18 +179,24 @@ void CopyWord(char* field, size_t size, const char* from) {
   memcpy(field, from, n);
 }
 
-// A value that cannot be used in its command: the stage fails without
-// running anything. Returns false when the stage may run.
-bool Unusable(const char* what, const char* value, size_t maxLength) {
-  if (!mod_pppoe_hostUsable(value)) {
-    tcdbg_printf("%s %s is not a host name or address, not run\n", what, value);
-    return true;
+// Takes one line of ifconfig's output into `scan` and the remembered state.
+void ScanLinkLine(const char* line, wdPppLinkScan* scan) {
+  if (const char* v4 = strstr(line, "inet addr:")) {
+    CopyWord(scan->ipv4, sizeof scan->ipv4, v4 + strlen("inet addr:"));
+    CopyWord(addr_backup, sizeof addr_backup, v4 + strlen("inet addr:"));
   }
-  if (strlen(value) > maxLength) {
-    tcdbg_printf("%s %s is too long for its command, not run\n", what, value);
-    return true;
+  if (const char* v6 = strstr(line, "inet6 addr:")) {
+    // The address starts after "inet6 addr: "; the marker may end the text.
+    const char* from = v6 + strlen("inet6 addr:");
+    if (*from != '\0') ++from;
+    CopyWord(addr_6backup, sizeof addr_6backup, from);
   }
-  return false;
+  const char* up = strstr(line, "UP");
+  if (up != nullptr && strstr(line, "RUNNING") != nullptr) {
+    scan->up = 1;
+    snprintf(interface_status, sizeof interface_status, "%s", up);
+    interface_status[strcspn(interface_status, "\r\n")] = '\0';
+  }
 }
 
 }  // namespace
@@ -155,26 +227,19 @@ void mod_pppoe_AlarmSyslog(const char* name) {
   wd_syslogStr(6, line);
 }
 
-void mod_pppoe_scanLinkLine(const char* line, wdPppLinkScan* scan) {
-  if (const char* v4 = strstr(line, "inet addr:")) {
-    CopyWord(scan->ipv4, sizeof scan->ipv4, v4 + strlen("inet addr:"));
-    CopyWord(addr_backup, sizeof addr_backup, v4 + strlen("inet addr:"));
-  }
-  if (const char* v6 = strstr(line, "inet6 addr:")) {
-    CopyWord(addr_6backup, sizeof addr_6backup, v6 + strlen("inet6 addr: "));
-  }
-  const char* up = strstr(line, "UP");
-  if (up != nullptr && strstr(line, "RUNNING") != nullptr) {
-    scan->up = 1;
-    snprintf(interface_status, sizeof interface_status, "%s", up);
-    interface_status[strcspn(interface_status, "\r\n")] = '\0';
-  }
+void mod_pppoe_scanLink(FILE* f, wdPppLinkScan* scan) {
+  char line[512];
+  while (fgets(line, sizeof line, f) != nullptr) ScanLinkLine(line, scan);
 }
 
 int mod_pppoe_isPrivate(const char* ipv4) {
-  int a, b, c, d;
-  if (sscanf(ipv4, "%d.%d.%d.%d", &a, &b, &c, &d) != 4) return 0;
-  return a == 192 && b == 168 && c >= 0 && c <= 254 && d >= 1 && d <= 253;
+  long octet[4];
+  for (int i = 0; i < 4; ++i) {
+    if (i > 0 && *ipv4++ != '.') return 0;
+    if (!wd_parseLong(&ipv4, INT_MIN, INT_MAX, &octet[i])) return 0;
+  }
+  return octet[0] == 192 && octet[1] == 168 && octet[2] >= 0 && octet[2] <= 254 && octet[3] >= 1 &&
+         octet[3] <= 253;
 }
 
 int mod_pppoe_pingLinePassed(const char* line) {
@@ -183,62 +248,20 @@ int mod_pppoe_pingLinePassed(const char* line) {
 
 int mod_pppoe_lookupLinePassed(const char* line) { return strstr(line, "Address") != nullptr; }
 
-int mod_pppoe_hostUsable(const char* text) {
-  for (const char* p = text; *p; ++p) {
-    unsigned char c = static_cast<unsigned char>(*p);
-    if (!isalnum(c) && c != '.' && c != '-' && c != '_' && c != ':') return 0;
-  }
-  return 1;
-}
-
-void mod_pppoe_escalate(enum wdPppKind kind) {
-  static const struct {
-    uint32_t* fails;
-    uint32_t* resets;
-    const char* withReset;
-    const char* withoutReset;
-  } kKinds[] = {
-      {&ppp_fail_times, &ppp_Num_reset, "PPP_DOWN_RESET", "PPP_DOWN_NO_RESET"},
-      {&Ping_fail_times, &Ping_Num_reset, "PING_FAILURE_RESET", "PING_FAILURE_NO_RESET"},
-      {&dns_fail_times, &dns_Num_reset, "DNS_FAILURE_RESET", "DNS_FAILURE_NO_RESET"},
-  };
-  const auto& k = kKinds[kind];
-  if (*k.fails < ppp_config.AlertAfter) {
-    if (kind == WD_PPP_DNS) tcdbg_printf("dns_fail_times=%d,nslookup fail\n", *k.fails);
-    ++*k.fails;
-    return;
-  }
-  *k.fails = 0;
-  if (*k.resets < ppp_config.MaxReset) {
-    ++*k.resets;
-    mod_pppoe_reset_ppp();
-    alarm_flag = 1;
-    mod_pppoe_AlarmSyslog(k.withReset);
-  } else {
-    alarm_flag = 1;
-    mod_pppoe_AlarmSyslog(k.withoutReset);
-  }
-}
-
 void mod_pppoe_TimerExpire(void) {
-  char command[kCommandSize];
-
   // Link stage.
-  snprintf(command, sizeof command, "ifconfig ppp0 > %s 2>/dev/null", kStatusFile);
-  Shell(command);
   wdPppLinkScan scan;
   memset(&scan, 0, sizeof scan);
-  FILE* f = fopen(kStatusFile, "re");
+  FILE* f = RunInto({"ifconfig", "ppp0"}, kStatusFile);
   if (f == nullptr) {
     tcdbg_printf("fail to open file\n");
   } else {
-    char line[512];
-    while (fgets(line, sizeof line, f) != nullptr) mod_pppoe_scanLinkLine(line, &scan);
+    mod_pppoe_scanLink(f, &scan);
     fclose(f);
   }
   unlink(kStatusFile);
   if (!scan.up) {
-    mod_pppoe_escalate(WD_PPP_LINK);
+    Escalate(WD_PPP_LINK);
     return;
   }
   ppp_fail_times = 0;
@@ -249,33 +272,16 @@ void mod_pppoe_TimerExpire(void) {
   }
 
   // Ping stage. An empty address still runs (and fails); "0.0.0.0" skips it.
-  if (strcmp(ppp_config.PingIP, "0.0.0.0") != 0) {
-    if (Unusable("PingIP", ppp_config.PingIP, sizeof ppp_config.PingIP - 1)) {
-      mod_pppoe_escalate(WD_PPP_PING);
-      return;
-    }
-    snprintf(command, sizeof command, "ping -c 10 %s > %s 2>/dev/null", ppp_config.PingIP,
-             kPingFile);
-    if (Stage(command, 21, kPingFile, mod_pppoe_pingLinePassed, "open ping file fail\n",
-              WD_PPP_PING) != 1) {
-      return;
-    }
+  if (strcmp(ppp_config.PingIP, "0.0.0.0") != 0 &&
+      Stage({"ping", "-c", "10"}, "PingIP", ppp_config.PingIP, 21, kPingFile,
+            mod_pppoe_pingLinePassed, "open ping file fail\n", WD_PPP_PING) != 1) {
+    return;
   }
 
   // Name-lookup stage.
   if (ppp_config.LookupDomain[0] == '\0') return;
-  const size_t room =
-      kCommandSize - 1 - strlen("nslookup  > ") - strlen(kLookupFile) - strlen(" 2>/dev/null");
-  if (Unusable("LookupDomain", ppp_config.LookupDomain, room)) {
-    mod_pppoe_escalate(WD_PPP_DNS);
-    return;
-  }
-  if (snprintf(command, sizeof command, "nslookup %s > %s 2>/dev/null", ppp_config.LookupDomain,
-               kLookupFile) >= static_cast<int>(sizeof command)) {
-    return;  // not reached: the length was checked above
-  }
-  if (Stage(command, 10, kLookupFile, mod_pppoe_lookupLinePassed, "open nslookup file fail\n",
-            WD_PPP_DNS) != 1) {
+  if (Stage({"nslookup"}, "LookupDomain", ppp_config.LookupDomain, 10, kLookupFile,
+            mod_pppoe_lookupLinePassed, "open nslookup file fail\n", WD_PPP_DNS) != 1) {
     return;
   }
 
@@ -351,15 +357,16 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
 }  // namespace
 
 void* mod_pppoeHandler(void*) {
-  if (wd_modOpenChannel(MOD_PPPOE) < 0) wd_pppthreadExit(MOD_PPPOE, 0);
+  wdChanl ch;
+  if (wd_chanlOpen(MOD_PPPOE, &ch) < 0) wd_pppthreadExit(MOD_PPPOE, 0, nullptr);
   mod_pppoe_config_init();
   wdSubModEntry& entry = gSubMod[MOD_PPPOE];
   if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_PPPOE);
   PppLoop loop = {0};
   ArmCheck(&loop);
   int dailyTimer = wd_setPPPTimer(kDailyMs, MOD_PPPOE);
-  wd_modLoop(MOD_PPPOE, kText, OnEvent, &loop);
+  wd_modLoop(&ch, kText, OnEvent, &loop);
   // A restarted module arms its own daily timer; this one must not live on.
   if (dailyTimer > 0) wd_timerPStop(dailyTimer);
-  wd_pppthreadExit(MOD_PPPOE, loop.checkTimer);
+  wd_pppthreadExit(MOD_PPPOE, loop.checkTimer, &ch);
 }

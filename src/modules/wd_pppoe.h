@@ -7,6 +7,7 @@
 #define WATCHDOGD_MODULES_WD_PPPOE_H
 
 #include <stdint.h>
+#include <stdio.h>
 
 typedef struct wdPppConfig {
   uint32_t Timer;          // check period in seconds as configured
@@ -44,10 +45,11 @@ typedef struct wdPppLinkScan {
   char ipv4[16];  // this cycle's IPv4 address, empty when none was seen
 } wdPppLinkScan;
 
-// Takes one line of "ifconfig ppp0": the IPv4 address (also into
-// addr_backup), the IPv6 address (into addr_6backup), the flags line (into
-// interface_status, and `up`).
-void mod_pppoe_scanLinkLine(const char* line, wdPppLinkScan* scan);
+// Reads the output of "ifconfig ppp0" line by line (512-byte lines, as the
+// gateway's tool prints them): the IPv4 address (also into addr_backup), the
+// IPv6 address (into addr_6backup), the flags line (into interface_status,
+// and `up`).
+void mod_pppoe_scanLink(FILE* f, wdPppLinkScan* scan);
 // 192.168.0-254.1-253, the only range the module calls private. A text that
 // is not an address is not private.
 int mod_pppoe_isPrivate(const char* ipv4);
@@ -55,12 +57,5 @@ int mod_pppoe_isPrivate(const char* ipv4);
 int mod_pppoe_pingLinePassed(const char* line);
 // A line of nslookup's output that shows an address.
 int mod_pppoe_lookupLinePassed(const char* line);
-
-enum wdPppKind { WD_PPP_LINK, WD_PPP_PING, WD_PPP_DNS };
-// Counts a failure of `kind`; at the (AlertAfter + 1)-th in a row resets the
-// connection (up to MaxReset times a day) and reports the alarm.
-void mod_pppoe_escalate(enum wdPppKind kind);
-// Whether `text` can stand in a shell command as a host name or address.
-int mod_pppoe_hostUsable(const char* text);
 
 #endif  // WATCHDOGD_MODULES_WD_PPPOE_H

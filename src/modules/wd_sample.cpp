@@ -2,7 +2,8 @@
 // every event it receives and handles none, so THREAD_EXIT does not end it.
 #include <stdint.h>
 
-#include "wd_common.h"
+#include "wd_base.h"
+#include "wd_modthread.h"
 #include "wd_modules.h"
 
 namespace {
@@ -33,7 +34,8 @@ wdLoopAction OnMsg(wdMsg* msg, void* ctx) {
 
 void* mod_sampleHandler(void* arg) {
   int seconds = static_cast<int>(reinterpret_cast<intptr_t>(arg));
-  if (wd_modOpenChannel(MOD_SAMPLE) < 0) wd_threadExit(MOD_SAMPLE, 0);
-  wd_modLoop(MOD_SAMPLE, kText, OnMsg, &seconds);
-  wd_threadExit(MOD_SAMPLE, 0);
+  wdChanl ch;
+  if (wd_chanlOpen(MOD_SAMPLE, &ch) < 0) wd_threadExit(MOD_SAMPLE, 0, nullptr);
+  wd_modLoop(&ch, kText, OnMsg, &seconds);
+  wd_threadExit(MOD_SAMPLE, 0, &ch);
 }

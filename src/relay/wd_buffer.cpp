@@ -2,22 +2,35 @@
 //
 // Lines of category ppp stand as a group at the front of the list, in their
 // own order, so that they go out first; two or more of them waiting, or a
-// refused line of another category, write the list to flash.
+// refused line of another category, ask for the list to be written to flash,
+// which the caller does once it has released bufMutex (wd_flash).
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "tcapi.h"
+#include "wd_base.h"
 #include "wd_buffer.h"
-#include "wd_common.h"
-#include "wd_lock.h"
 
 wdBufList* commBufList = nullptr;
 int32_t maxSeqNum = 0;
 uint32_t maxBufNum = 0;
 int32_t pppMsgNum = 0;
 uint8_t buffSaved = 0;
+uint64_t bufChanges = 0;
 pthread_mutex_t bufMutex = PTHREAD_MUTEX_INITIALIZER;
+
+std::atomic<uint8_t> dontSend{0};
+std::atomic<uint8_t> msgResend{0};
+int32_t chkSeqNum = -1;
+std::atomic<int32_t> msgFailNum{0};
+std::atomic<uint8_t> rxSocketReady{0};
+std::atomic<int> sngReload{0};
+int32_t timerChkSyslog = -1;
+int32_t timerSaveSyslog = -1;
+int sockfd = 0;
+int fdFromSyslog = -1;
+std::atomic<int> g_idebug{0};
 
 namespace {
 
@@ -33,29 +46,7 @@ wdBufNode* NewNode(wdBufList* list, wdBufMsgObj* obj) {
   return node;
 }
 
-// Creates the object, adds it, and frees it again when the add refused it.
-int Push(const char* line, uint32_t category, bool limits) {
-  wdLock lock(&bufMutex);
-  wdBufMsgObj* obj = bufCreateMsgObj(line);
-  if (obj != nullptr) obj->category = category;
-  int rc;
-  if (!limits) {
-    rc = bufNodeAddTail(commBufList, obj, 1);
-  } else if (category == WD_CATEGORY_PPP) {
-    rc = bufNodeAddPPP(commBufList, obj);
-  } else {
-    rc = bufNodeAddTail(commBufList, obj, 0);
-  }
-  if (rc != 0) free(obj);
-  if (limits && debuglevel > 0) printBufAll(commBufList);
-  return rc;
-}
-
 }  // namespace
-
-int wd_syslogPushFormat(const char* line, uint32_t category) { return Push(line, category, true); }
-
-int wd_syslogPush(const char* line, uint32_t category) { return Push(line, category, false); }
 
 int bufListInit(wdBufList* list) {
   if (list == nullptr) return -1;
@@ -73,13 +64,14 @@ wdBufMsgObj* bufCreateMsgObj(const char* line) {
   obj->seqNum = maxSeqNum;
   obj->state = WD_LINE_UNSENT;
   snprintf(obj->msg, sizeof obj->msg, "%s", line ? line : "");
+  for (char* p = obj->msg; (p = strpbrk(p, "\r\n")) != nullptr;) *p = ' ';
   return obj;
 }
 
-int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit) {
+int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit, int* saveWanted) {
   if (list == nullptr || obj == nullptr) return -1;
   if (!waiveLimit && list->objNum - pppMsgNum >= WD_MAX_OTHER_LINES) {
-    if (saveMsgToFlash(list) == -1) tcdbg_printf("Error: Not able to save syslogs to flash!\n");
+    if (saveWanted != nullptr) *saveWanted = 1;
     return -1;
   }
   wdBufNode* node = NewNode(list, obj);
@@ -92,11 +84,12 @@ int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit) {
   }
   list->tail = node;
   list->objNum++;
+  bufChanges++;
   if (IsPpp(node)) pppMsgNum++;
   return 0;
 }
 
-int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj) {
+int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj, int* saveWanted) {
   if (list == nullptr || obj == nullptr || pppMsgNum >= WD_MAX_PPP_LINES) return -1;
   wdBufNode* node = NewNode(list, obj);
   if (node == nullptr) return -1;
@@ -120,7 +113,8 @@ int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj) {
   }
   pppMsgNum++;
   list->objNum++;
-  if (pppMsgNum >= 2) saveMsgToFlash(list);
+  bufChanges++;
+  if (pppMsgNum >= 2 && saveWanted != nullptr) *saveWanted = 1;
   return 0;
 }
 
@@ -140,7 +134,7 @@ wdBufNode* bufNodeSearchUnsent1st(wdBufList* list) {
   return nullptr;
 }
 
-int bufNodeDel(wdBufList* list, wdBufNode* node) {
+int bufNodeDel(wdBufList* list, wdBufNode* node, int* removeWanted) {
   if (list == nullptr || list->head == nullptr || node == nullptr || node->bufNum != list->bufNum) {
     return -1;
   }
@@ -160,10 +154,10 @@ int bufNodeDel(wdBufList* list, wdBufNode* node) {
   }
   free(node);
   list->objNum--;
+  bufChanges++;
   if (buffSaved && list->objNum == 0) {
-    int ignored = system("rm " WD_FLASH_FILE);
-    (void)ignored;
     buffSaved = 0;
+    if (removeWanted != nullptr) *removeWanted = 1;
   }
   return 0;
 }

@@ -1,19 +1,19 @@
-// The report relay: the buffer of unacknowledged report lines, the link to
-// syslog-ng, the flash copy of the buffer, and the supervision of syslog-ng.
+// The report relay's buffer of unacknowledged report lines, its counters and
+// the state of the link to syslog-ng.
 //
-// Threads:
-// - any module thread pushes lines (wd_syslogPushFormat, through wd_syslogStr);
-// - the transmit thread (wd_bufTxHandler) sends one line per 300 ms tick as a
-//   520-byte datagram to /var/wdSyslogTx.chanl, probes while the link is
-//   suspended, notices a new syslog-ng, runs the memory check every 100 ticks,
-//   and carries out the SIGUSR1/SIGUSR2 requests noted by the handlers;
-// - the receive thread (wd_bufRxHandler) takes syslog-ng's answers on
-//   /var/wdSyslogRx.chanl and removes acknowledged lines;
-// - the resend thread (wd_bufResendHandler) takes the relay's timer events on
-//   the channel of MOD_MSG_RESEND.
+// The relay's units, each using only those listed before it:
+//   wd_buffer   the list of lines and the link state (this header);
+//   wd_flash    the flash copy of the list and its loader;
+//   wd_syslog   report lines, the device identity and the entry points that
+//               put lines into the buffer;
+//   wd_syslogng the supervision of the syslog-ng process, the signal requests;
+//   wd_link     the transmit, receive and resend threads;
+//   wd_relay    the relay's start-up.
+//
 // bufMutex guards the list, its nodes and objects, the counters and the timer
-// ids; it is taken before timerMutex and never held while a datagram is sent.
-// The flags shared without it are atomics.
+// ids; it is taken before timerMutex and the flash lock, never after, and is
+// never held while a datagram is sent or a file is written. The flags shared
+// without it are atomics.
 #ifndef WATCHDOGD_RELAY_WD_BUFFER_H
 #define WATCHDOGD_RELAY_WD_BUFFER_H
 
@@ -62,7 +62,12 @@ extern wdBufList* commBufList;
 extern int32_t maxSeqNum;
 extern uint32_t maxBufNum;
 extern int32_t pppMsgNum;
+// Set when a flash copy of the list is written (or being written), cleared
+// when the list empties and the copy is to be removed.
 extern uint8_t buffSaved;
+// Lines added to or removed from any list since start: what the flash copy
+// is compared with, and what orders its saves.
+extern uint64_t bufChanges;
 extern pthread_mutex_t bufMutex;
 
 // ---- Link state ----
@@ -71,66 +76,34 @@ extern std::atomic<uint8_t> msgResend;   // 1: a probe is due
 extern int32_t chkSeqNum;                // last probe's number, -1: none (bufMutex)
 extern std::atomic<int32_t> msgFailNum;  // failure answers since the last success
 extern std::atomic<uint8_t> rxSocketReady;
+// 1: the next report line sent to syslog-ng carries the reload mark.
+extern std::atomic<int> sngReload;
 extern int32_t timerChkSyslog;     // check timer id (bufMutex)
 extern int32_t timerSaveSyslog;    // save timer id (bufMutex)
 extern int sockfd;                 // transmit socket of the moment
 extern int fdFromSyslog;           // receive socket
 extern std::atomic<int> g_idebug;  // relay trace switch
-extern pthread_t bufThreadRX, bufThreadTX, bufThreadResend;
 
-// Entry points; each takes bufMutex for its whole run. 0 when the line was
-// taken, -1 when it was refused.
-int wd_syslogPushFormat(const char* line, uint32_t category);  // with the limits
-int wd_syslogPush(const char* line, uint32_t category);        // restored lines: no limits
-
-// List operations; the caller holds bufMutex.
+// ---- List operations; the caller holds bufMutex ----
 int bufListInit(wdBufList* list);
+// A new unsent object with the next sequence number and a copy of the line
+// (at most 511 characters; a line end in it becomes a blank, so that no text
+// can make a line of its own on flash or at syslog-ng). Null when out of memory.
 wdBufMsgObj* bufCreateMsgObj(const char* line);
-int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit);
-int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj);
+// Appends; with the limit in force (waiveLimit 0) refuses the line when 500
+// other lines wait, and then sets *saveWanted: the list should go to flash.
+// 0, or -1 when refused.
+int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit, int* saveWanted);
+// Inserts a ppp line after the leading run of ppp lines; refuses the 17th.
+// Sets *saveWanted when two or more ppp lines then wait. 0, or -1.
+int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj, int* saveWanted);
 wdBufNode* bufNodeSearch(wdBufList* list, int seqNum);
 wdBufNode* bufNodeSearchUnsent1st(wdBufList* list);
-int bufNodeDel(wdBufList* list, wdBufNode* node);
+// Unlinks and frees the node. When the list is empty afterwards and a flash
+// copy was written, clears buffSaved and sets *removeWanted: the copy should
+// be removed. 0, or -1 (null or empty list, null node, node of another list).
+int bufNodeDel(wdBufList* list, wdBufNode* node, int* removeWanted);
 int setBufAllUnsent(wdBufList* list);
 int printBufAll(wdBufList* list);
-
-// ---- Link to syslog-ng ----
-// Waits (30 s, then every 30 s) until syslog-ng takes a connect on the
-// transmit path. Main thread, at start-up.
-void wd_connectSyslogNG(void);
-void* wd_bufTxHandler(void* arg);
-// Stops the check timer and arms it again (30000 ms, TX_CHECK_TIMEOUT).
-// Caller holds bufMutex.
-void wd_bufRearmCheck(void);
-void* wd_bufRxHandler(void* arg);
-
-// ---- Flash copy and start-up ----
-// Sets up the relay: buffer, link state, signal handlers, the flash copy,
-// entry 12 of gSubMod and the three relay threads. Main thread, once.
-void wd_bufInit(void);
-void* wd_bufResendHandler(void* arg);
-// Writes the list to /data/syslogmsg unless its header already matches.
-// 0 (written or not needed) or -1. Caller holds bufMutex.
-int saveMsgToFlash(wdBufList* list);
-// Restores /data/syslogmsg into the buffer and removes the file; the result of
-// the removal command.
-int loadMsgToWDBuf(void);
-
-// ---- Syslog-ng supervision ----
-// 1 when /var/run/syslog-ng.pid names another process than last time. Caller
-// holds bufMutex (transmit thread).
-int SyslogngRestart(void);
-// Restarts syslog-ng when the gateway's ps shows it at 4501 or more; the link
-// is then suspended. Transmit thread, without bufMutex.
-void checkSyslogngMemory(void);
-void RestartSysklogng(void);
-void kill_process(const char* pidFile);
-// Clears `size` bytes of `buf` and reads at most size - 1 bytes of the file.
-void fileRead(const char* path, char* buf, int size);
-// Signal handlers: they only note the request; the transmit thread carries it
-// out at its next tick (wd_bufServeSignals).
-void TriggerDebugFlag(int sig);
-void DumpList(int sig);
-void wd_bufServeSignals(void);
 
 #endif  // WATCHDOGD_RELAY_WD_BUFFER_H

@@ -7,12 +7,15 @@
 // release the timer meanwhile.
 #include "wd_timer.h"
 
+#include <errno.h>
+#include <string.h>
 #include <sys/select.h>
 
 #include <vector>
 
 #include "tcapi.h"
-#include "wd_common.h"
+#include "wd_base.h"
+#include "wd_chanl.h"
 #include "wd_lock.h"
 
 timerList time_list;
@@ -38,15 +41,16 @@ bool IsDue(const timerNode* t, const wdTimeVal* now) {
 }
 
 int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg) {
+  wdTimeVal now;
+  if (gClock(&now) != 0) return -1;
   timerNode* t = static_cast<timerNode*>(timer_malloc(sizeof(timerNode)));
   if (t == nullptr) return -1;
-  wdTimeVal now;
-  gClock(&now);
   ExpiryAfter(&now, interval, t);
   t->id = id;
   t->interval = interval;
   t->arg = arg;
   t->callback = callback;
+  t->due = nullptr;
 
   wdLock lock(&timerMutex);
   timerListIterator it;
@@ -123,8 +127,14 @@ void wd_timerPass(const wdTimeVal* now) {
     int id;
     int arg;
   };
-  std::vector<timerNode*> oneShots;
-  std::vector<Noted> periodics;
+  // Room for the periodic calls of a pass, grown here, outside the lock,
+  // when the list outgrew it in the pass before.
+  thread_local std::vector<Noted> noted(32);
+  thread_local size_t wanted = 0;
+  if (noted.size() < wanted) noted.resize(wanted);
+  size_t calls = 0;
+  timerNode* dueFirst = nullptr;
+  timerNode** dueLast = &dueFirst;
   {
     wdLock lock(&timerMutex);
     timerListIterator it;
@@ -132,32 +142,44 @@ void wd_timerPass(const wdTimeVal* now) {
     while (e != nullptr) {
       timerNode* t = static_cast<timerNode*>(e);
       if (IsDue(t, now)) {
-        oneShots.push_back(t);
+        t->due = nullptr;
+        *dueLast = t;
+        dueLast = &t->due;
         e = timer_list_iterator_remove(&it);
       } else {
         e = timer_list_get_next(&it);
       }
     }
-    for (e = timer_list_get_first(&periodic_time_list, &it); e != nullptr;
+    wanted = static_cast<size_t>(periodic_time_list.count);
+    for (e = timer_list_get_first(&periodic_time_list, &it); e != nullptr && calls < noted.size();
          e = timer_list_get_next(&it)) {
       timerNode* t = static_cast<timerNode*>(e);
       if (!IsDue(t, now)) continue;
-      periodics.push_back(Noted{t->callback, t->id, t->arg});
+      noted[calls++] = Noted{t->callback, t->id, t->arg};
       ExpiryAfter(now, t->interval, t);
     }
   }
-  for (timerNode* t : oneShots) {
+  while (dueFirst != nullptr) {
+    timerNode* t = dueFirst;
+    dueFirst = t->due;
     t->callback(t->id, t->arg);
     timer_free(t);
   }
-  for (const Noted& n : periodics) n.callback(n.id, n.arg);
+  for (size_t i = 0; i < calls; ++i) noted[i].callback(noted[i].id, noted[i].arg);
 }
 
 void* wd_timerProc(void*) {
+  bool clockFailed = false;
   for (;;) {
     wdTimeVal now;
-    gClock(&now);
-    wd_timerPass(&now);
+    if (gClock(&now) == 0) {
+      clockFailed = false;
+      wd_timerPass(&now);
+    } else if (!clockFailed) {
+      // Without a time no timer can be judged due; they wait for the clock.
+      clockFailed = true;
+      tcdbg_printf("wd_timerProc: the clock cannot be read (%s), timers wait\n", strerror(errno));
+    }
     struct timeval wait = {0, 100000};
     select(0, nullptr, nullptr, nullptr, &wait);
   }

@@ -30,6 +30,7 @@ typedef struct timerNode {
   int interval;      // milliseconds; the period of a periodic timer
   wdTimeVal expiry;  // microseconds below 1,000,000
   wdTimerCallback callback;
+  struct timerNode* due;  // the next due one-shot timer within one pass
 } timerNode;
 
 extern timerList time_list;           // one-shot timers, in arming order
@@ -46,9 +47,13 @@ void wd_timerInit(void);
 void* wd_timerProc(void* arg);
 // One pass of the timer thread for the time `now`: due one-shot timers are
 // removed and called in arming order, then due periodic timers are called
-// once each and re-armed from `now`. Takes timerMutex; calls without it.
+// once each and re-armed from `now`. Takes timerMutex, and allocates nothing
+// while it holds it; calls without it. Periodic timers due beyond the room the
+// pass has (32 at first, grown to the list's size for the next pass) are
+// called in the next pass.
 void wd_timerPass(const wdTimeVal* now);
-// The real-time clock (CLOCK_REALTIME) as seconds and microseconds.
+// The real-time clock (CLOCK_REALTIME) as seconds and microseconds; 0, or -1
+// when it cannot be read.
 int gettimeofday_n(wdTimeVal* tv);
 // The clock that arming and the timer thread read; gettimeofday_n unless a
 // test hands in its own. Not for use while the timer thread runs.

@@ -1,18 +1,25 @@
 // Report lines: a fixed prefix, the category, the gateway's identity, the
-// time and the module's text, handed to the relay's buffer.
+// time and the module's text, handed to the relay's buffer; the buffer's
+// entry points.
 //
 // The identity is shared by every reporting thread and may be rewritten by
 // any of them (a retry of the flash read); gMacMutex serialises the rewrite
 // and the copy into a line, so no line carries half an identity.
+#include "wd_syslog.h"
+
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "tcapi.h"
+#include "wd_base.h"
 #include "wd_buffer.h"
-#include "wd_common.h"
+#include "wd_flash.h"
+#include "wd_lock.h"
 
 char macAddr[13];
 
@@ -67,20 +74,19 @@ int MRDread(unsigned char* buf) {
 }
 
 int wd_initData(void) {
-  pthread_mutex_lock(&gMacMutex);
-  int rc = InitDataLocked();
-  pthread_mutex_unlock(&gMacMutex);
-  return rc;
+  wdLock lock(&gMacMutex);
+  return InitDataLocked();
 }
 
 int wd_syslogStr(uint32_t category, const char* text) {
   const char* name =
       category < sizeof kCategories / sizeof kCategories[0] ? kCategories[category] : "";
   char id[sizeof macAddr];
-  pthread_mutex_lock(&gMacMutex);
-  if (strcmp(macAddr, "000000000000") == 0) InitDataLocked();
-  memcpy(id, macAddr, sizeof id);
-  pthread_mutex_unlock(&gMacMutex);
+  {
+    wdLock lock(&gMacMutex);
+    if (strcmp(macAddr, "000000000000") == 0) InitDataLocked();
+    memcpy(id, macAddr, sizeof id);
+  }
 
   char line[WD_LINE_SIZE];
   if (text == nullptr) text = "";
@@ -96,3 +102,40 @@ int wd_syslogStr(uint32_t category, const char* text) {
   WD_TRACE("%s", line);
   return wd_syslogPushFormat(line, category);
 }
+
+namespace {
+
+// Creates the object, adds it, and frees it again when the add refused it;
+// writes the flash copy when the add asks for it, after releasing bufMutex.
+int Push(const char* line, uint32_t category, bool limits) {
+  wdFlashCopy copy{};
+  int saveWanted = 0;
+  int rc;
+  {
+    wdLock lock(&bufMutex);
+    wdBufMsgObj* obj = bufCreateMsgObj(line);
+    if (obj != nullptr) obj->category = category;
+    if (!limits) {
+      rc = bufNodeAddTail(commBufList, obj, 1, &saveWanted);
+    } else if (category == WD_CATEGORY_PPP) {
+      rc = bufNodeAddPPP(commBufList, obj, &saveWanted);
+    } else {
+      rc = bufNodeAddTail(commBufList, obj, 0, &saveWanted);
+    }
+    if (rc != 0) free(obj);
+    if (limits && debuglevel > 0) printBufAll(commBufList);
+    if (saveWanted) wd_flashTake(commBufList, &copy);
+  }
+  // A refused line asks for the copy because the buffer is full: say when even
+  // that fails. The copy for a second ppp line is best effort.
+  if (saveWanted && saveMsgToFlash(&copy) == -1 && rc != 0) {
+    tcdbg_printf("Error: Not able to save syslogs to flash!\n");
+  }
+  return rc;
+}
+
+}  // namespace
+
+int wd_syslogPushFormat(const char* line, uint32_t category) { return Push(line, category, true); }
+
+int wd_syslogPush(const char* line, uint32_t category) { return Push(line, category, false); }

@@ -1,8 +1,15 @@
-// The link to syslog-ng: the transmit thread sends lines, the receive thread
-// takes the answers. Three failure answers in a row suspend sending; while
-// suspended, the head line goes out as a probe every 30 seconds until a probe
-// is answered with success.
+// The link to syslog-ng: transmit, receive and resend threads.
+//
+// Threads: the transmit thread sends; the receive thread takes answers; the
+// resend thread turns the check and save timers into a probe request and a
+// flash save. All three run with real-time scheduling. Socket work and flash
+// writes are done with bufMutex released; a send never waits for a full
+// socket queue, so a wedged syslog-ng can still be probed, memory-checked and
+// restarted.
+#include "wd_link.h"
+
 #include <errno.h>
+#include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -12,21 +19,13 @@
 #include <unistd.h>
 
 #include "tcapi.h"
+#include "wd_base.h"
 #include "wd_buffer.h"
-#include "wd_common.h"
+#include "wd_chanl.h"
+#include "wd_flash.h"
 #include "wd_lock.h"
+#include "wd_syslogng.h"
 #include "wd_timer.h"
-
-std::atomic<uint8_t> dontSend{0};
-std::atomic<uint8_t> msgResend{0};
-int32_t chkSeqNum = -1;
-std::atomic<int32_t> msgFailNum{0};
-std::atomic<uint8_t> rxSocketReady{0};
-int32_t timerChkSyslog = -1;
-int32_t timerSaveSyslog = -1;
-int sockfd = 0;
-int fdFromSyslog = -1;
-std::atomic<int> g_idebug{0};
 
 namespace {
 
@@ -34,11 +33,11 @@ constexpr int kCheckMs = 30000;
 constexpr int kSaveMs = 180000;
 constexpr int kMemoryCheckTicks = 100;
 
-sockaddr_un TxAddr() {
+sockaddr_un PathAddr(const char* path) {
   sockaddr_un addr;
   memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
-  strcpy(addr.sun_path, WD_SYSLOG_TX_PATH);
+  strcpy(addr.sun_path, path);
   return addr;
 }
 
@@ -61,16 +60,19 @@ void Format(wdBufNode* node, Outgoing* out) {
   out->pppNum = pppMsgNum;
 }
 
+// The line went nowhere: unsent again, if it is still in the buffer.
+void PutBack(int seqNum) {
+  wdLock lock(&bufMutex);
+  wdBufNode* node = bufNodeSearch(commBufList, seqNum);
+  if (node != nullptr && node->obj != nullptr) node->obj->state = WD_LINE_UNSENT;
+}
+
 // Sends one formatted line on a fresh socket. Without bufMutex.
 void Send(const Outgoing& out, const char* traceFormat, const char* sendError) {
   sockfd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr = TxAddr();
+  sockaddr_un addr = PathAddr(WD_SYSLOG_TX_PATH);
   if (connect(sockfd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    {
-      wdLock lock(&bufMutex);
-      wdBufNode* node = bufNodeSearch(commBufList, out.seqNum);
-      if (node != nullptr && node->obj != nullptr) node->obj->state = WD_LINE_UNSENT;
-    }
+    PutBack(out.seqNum);
     tcdbg_printf("Watchdogd, connect to syslog-ng failed\n");
   } else {
     if (g_idebug) {
@@ -79,9 +81,13 @@ void Send(const Outgoing& out, const char* traceFormat, const char* sendError) {
     }
     ssize_t n;
     do {
-      n = send(sockfd, out.datagram, sizeof out.datagram, 0);
+      n = send(sockfd, out.datagram, sizeof out.datagram, MSG_DONTWAIT);
     } while (n < 0 && errno == EINTR);
-    if (n < 0) tcdbg_printf("%s", sendError);
+    if (n < 0) {
+      // A full queue is a syslog-ng that does not read: the line is retried.
+      if (errno == EAGAIN || errno == EWOULDBLOCK) PutBack(out.seqNum);
+      tcdbg_printf("%s", sendError);
+    }
   }
   if (sockfd >= 0) close(sockfd);
 }
@@ -91,12 +97,6 @@ void Rearm(int32_t* id, int ms, int event) {
   wd_timerStop(*id);
   *id = wd_setEventTimer(ms, MOD_MSG_RESEND, event);
 }
-
-}  // namespace
-
-void wd_bufRearmCheck(void) { Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT); }
-
-namespace {
 
 void ProbeTick() {
   msgResend = 0;
@@ -132,9 +132,22 @@ void NormalTick() {
   if (have) Send(out, "--> #%d(%d:%d,%d) %s\n", "Watchdogd, sendto syslog-ng failed!!\n");
 }
 
-// Acts on one answer "number#result#". Receive thread.
+// An answer "number#result#": false when it does not give both numbers.
+bool ParseAnswer(const char* text, int* seq, int* result) {
+  long s, r;
+  if (!wd_parseLong(&text, INT_MIN, INT_MAX, &s) || *text++ != '#') return false;
+  if (!wd_parseLong(&text, INT_MIN, INT_MAX, &r)) return false;
+  *seq = static_cast<int>(s);
+  *result = static_cast<int>(r);
+  return true;
+}
+
+// Acts on one answer. Receive thread.
 void OnAnswer(int seq, int result) {
-  char line[WD_LINE_SIZE];
+  wdFlashCopy copy{};
+  bool save = false;
+  int removeCopy = 0;
+  uint64_t changes = 0;
   {
     wdLock lock(&bufMutex);
     if (dontSend && chkSeqNum != -1 && seq == chkSeqNum) {
@@ -159,23 +172,33 @@ void OnAnswer(int seq, int result) {
       return;
     }
     if (result == 0) {
+      char line[WD_LINE_SIZE];
       snprintf(line, sizeof line, "%s", node->obj->msg);
-      bufNodeDel(commBufList, node);
+      bufNodeDel(commBufList, node, &removeCopy);
+      changes = bufChanges;
       if (msgFailNum > 0) msgFailNum = 0;
       if (g_idebug) {
         objNum = commBufList->objNum;
         WD_CONSOLE("<-- #%d(%d:%d,%d) %d %s\n", seq, objNum, pppMsgNum, objNum - pppMsgNum, result,
                    line);
       }
-      return;
+    } else {
+      if (g_idebug) {
+        WD_CONSOLE("<-- BUF_FAILED!!!! #%d(%d:%d,%d) %d %s\n", seq, objNum, pppMsgNum,
+                   objNum - pppMsgNum, result, node->obj->msg);
+      }
+      node->obj->state = WD_LINE_UNSENT;
+      if (node->obj->category == WD_CATEGORY_PPP) {
+        wd_flashTake(commBufList, &copy);
+        save = true;
+      }
     }
-    if (g_idebug) {
-      WD_CONSOLE("<-- BUF_FAILED!!!! #%d(%d:%d,%d) %d %s\n", seq, objNum, pppMsgNum,
-                 objNum - pppMsgNum, result, node->obj->msg);
-    }
-    node->obj->state = WD_LINE_UNSENT;
-    if (node->obj->category == WD_CATEGORY_PPP) saveMsgToFlash(commBufList);
   }
+  if (result == 0) {
+    if (removeCopy) wd_flashRemove(changes);
+    return;
+  }
+  if (save) saveMsgToFlash(&copy);
   if (++msgFailNum < 3 || dontSend) return;
   {
     wdLock lock(&bufMutex);
@@ -188,12 +211,14 @@ void OnAnswer(int seq, int result) {
 
 }  // namespace
 
+void wd_bufRearmCheck(void) { Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT); }
+
 void wd_connectSyslogNG(void) {
   sockfd = 0;
   for (;;) {
     sleep(30);
     sockfd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr = TxAddr();
+    sockaddr_un addr = PathAddr(WD_SYSLOG_TX_PATH);
     if (connect(sockfd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
       close(sockfd);
       return;
@@ -204,8 +229,9 @@ void wd_connectSyslogNG(void) {
 }
 
 void* wd_bufTxHandler(void*) {
-  // This thread takes SIGUSR1 and SIGUSR2 (blocked in all others): a signal
-  // ends its wait early, and the tick carries the request out.
+  // This thread takes SIGUSR1 and SIGUSR2 (blocked in all others). A signal
+  // ends the wait early; the request is carried out and the wait goes on for
+  // the rest of the tick, so a signal never makes an extra tick.
   sigset_t relaySignals;
   sigemptyset(&relaySignals);
   sigaddset(&relaySignals, SIGUSR1);
@@ -214,9 +240,10 @@ void* wd_bufTxHandler(void*) {
   int ticks = 0;
   for (;;) {
     timeval wait = {0, 300000};
-    int ret = select(0, nullptr, nullptr, nullptr, &wait);
-    if (ret < 0 && errno == EINTR) ret = 0;  // interrupted by one of our signals
-    wd_bufServeSignals();
+    int ret;
+    while ((ret = select(0, nullptr, nullptr, nullptr, &wait)) < 0 && errno == EINTR) {
+      wd_bufServeSignals();
+    }
     if (ret < 0) {
       tcdbg_printf("Select error, ret=%d\n", ret);
     } else if (!rxSocketReady) {
@@ -228,8 +255,13 @@ void* wd_bufTxHandler(void*) {
       NormalTick();
     }
     if (++ticks >= kMemoryCheckTicks) {
-      checkSyslogngMemory();
       ticks = 0;
+      if (checkSyslogngMemory() == 1) {
+        // Suspended until a probe, 30 seconds on, is answered by the new one.
+        wdLock lock(&bufMutex);
+        dontSend = 1;
+        wd_bufRearmCheck();
+      }
     }
   }
   return nullptr;
@@ -240,10 +272,7 @@ void* wd_bufRxHandler(void*) {
     tcdbg_printf("Watchdogd, cannot make the receive socket: %s\n", strerror(errno));
     sleep(1);
   }
-  sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  strcpy(addr.sun_path, WD_SYSLOG_RX_PATH);
+  sockaddr_un addr = PathAddr(WD_SYSLOG_RX_PATH);
   unlink(WD_SYSLOG_RX_PATH);
   if (bind(fdFromSyslog, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     tcdbg_printf("Port is currently being used by some other application \n");
@@ -274,9 +303,52 @@ void* wd_bufRxHandler(void*) {
     }
     if (n < 0) continue;
     answer[n] = '\0';
-    int seq = 0, result = 0;
-    if (sscanf(answer, "%d#%d#", &seq, &result) != 2) continue;
-    OnAnswer(seq, result);
+    int seq, result;
+    if (ParseAnswer(answer, &seq, &result)) OnAnswer(seq, result);
+  }
+  return nullptr;
+}
+
+void* wd_bufResendHandler(void*) {
+  // Without this channel the relay's timers could not reach it: keep trying.
+  wdChanl ch;
+  while (wd_chanlOpen(MOD_MSG_RESEND, &ch) < 0) sleep(1);
+  wdMsg msg;
+  for (;;) {
+    int ret;
+    switch (wd_chanlWait(&ch, &ret)) {
+      case WD_WAIT_ERROR:
+        tcdbg_printf("Select error, ret=%d\n", ret);
+        continue;
+      case WD_WAIT_TIMEOUT:
+        tcdbg_printf("Select timeout!\n");
+        continue;
+      case WD_WAIT_NOT_SET:
+        continue;
+      case WD_WAIT_READY:
+        break;
+    }
+    memset(&msg, 0, sizeof msg);
+    ssize_t n = recv(ch.fd, &msg, sizeof msg, 0);
+    if (n == 0) tcdbg_printf("Receieved 0 bytes!\n");
+    if (n <= 0) continue;
+    if (msg.datalen != 0) {
+      tcdbg_printf("MOD_MSG_RESEND Received wdMsg, dst#%d#, data#%.*s#\n", msg.destMod,
+                   WD_MSG_DATA_SIZE, msg.data);
+    } else {
+      tcdbg_printf("MOD_MSG_RESEND Received wdMsg, dst#%d#, type#%d#\n", msg.destMod,
+                   msg.eventType);
+    }
+    if (msg.eventType == TX_CHECK_TIMEOUT) {
+      msgResend = 1;
+    } else if (msg.eventType == TX_SAVE_TIMEOUT) {
+      wdFlashCopy copy;
+      {
+        wdLock lock(&bufMutex);
+        wd_flashTake(commBufList, &copy);
+      }
+      if (saveMsgToFlash(&copy) == -1) tcdbg_printf("Error: Not able to save syslogs to flash!\n");
+    }
   }
   return nullptr;
 }

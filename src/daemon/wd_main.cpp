@@ -16,8 +16,14 @@
 
 #include "libwdfunc.h"
 #include "tcapi.h"
+#include "wd_base.h"
 #include "wd_buffer.h"
-#include "wd_common.h"
+#include "wd_chanl.h"
+#include "wd_link.h"
+#include "wd_modthread.h"
+#include "wd_proc.h"
+#include "wd_relay.h"
+#include "wd_syslog.h"
 #include "wd_timer.h"
 
 namespace {
@@ -41,8 +47,7 @@ void ReserveStdDescriptors() {
 void WritePidFile() {
   char cmd[128];
   snprintf(cmd, sizeof cmd, "echo %d > /var/run/qorv_watchdogd.pid\n", static_cast<int>(getpid()));
-  int ignored = system(cmd);
-  (void)ignored;
+  wd_runShell(cmd, -1);
 }
 
 // Module-addressed commands name their module in sequenceNumber; the table has
@@ -67,8 +72,12 @@ void AnswerQuery(wdCmdMsg* msg) {
   bool running = msg->sequenceNumber < WD_MOD_NUM && gSubMod[msg->sequenceNumber].threadId != 0;
   msg->wordData = running ? 0 : WD_QUERY_NOT_RUNNING;
   msg->dataLength = 0;
-  WD_TRACE("MSG_QORVWATCHDOG_QUERY wordData=%x", msg->wordData);
-  SendSigToApp(WD_RESULT_SOCK_PATH, msg);
+  WD_TRACE_AS("main", "MSG_QORVWATCHDOG_QUERY wordData=%x", msg->wordData);
+  // Never waits: a process that asks and does not read must not stop the loop.
+  if (SendSigToApp(WD_RESULT_SOCK_PATH, msg) < 0) {
+    tcdbg_printf("Query reply for module %u to %s dropped: %s\r\n", msg->sequenceNumber,
+                 WD_RESULT_SOCK_PATH, strerror(errno));
+  }
 }
 
 void StartModule(unsigned modId) {
@@ -123,6 +132,10 @@ void DispatchCommand(wdCmdMsg* msg) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The gateway's processes run as root; nobody else may write to the
+  // daemon's sockets, its work directory or the files it creates.
+  umask(022);
+
   // SIGUSR1 and SIGUSR2 are taken by the relay's transmit thread alone, which
   // unblocks them: every other thread inherits this mask. Until the relay
   // runs, they wait instead of ending the process.

@@ -1,16 +1,12 @@
-// The vocabulary shared by every unit of watchdogd: events, module ids, the
-// wdMsg datagram between threads, the module table and the daemon-wide flags.
-// The command message from other processes (wdCmdMsg) and its command types
-// come from libwdfunc.h.
-#ifndef WATCHDOGD_CORE_WD_TYPES_H
-#define WATCHDOGD_CORE_WD_TYPES_H
+// What travels between the daemon's threads and what the gateway's tools
+// share with it: events, module ids and the wdMsg datagram. The command
+// message from other processes (wdCmdMsg) and its command types come from
+// libwdfunc.h. No behaviour here.
+#ifndef WATCHDOGD_CORE_WD_WIRE_H
+#define WATCHDOGD_CORE_WD_WIRE_H
 
-#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <sys/select.h>
-
-#include <atomic>
 
 #include "libwdfunc.h"
 
@@ -30,7 +26,7 @@ enum {
   PPP_TIMER_EXPIRED = 12,
 };
 
-// Module ids: the index of a module's entry in gSubMod.
+// Module ids: the index of a module's entry in the module table.
 enum {
   MOD_DEFAULT = 0,
   MOD_PPPOE = 1,
@@ -51,7 +47,6 @@ enum {
 #define WD_MSG_SIZE 8016
 #define WD_MSG_DATA_SIZE 8000
 #define WD_MSG_MAX_PAYLOAD 1999  // longer payloads are not carried
-#define WD_CHANL_PATH_SIZE 32
 
 // The event datagram between threads: always sent and received whole.
 typedef struct wdMsg {
@@ -70,27 +65,4 @@ static_assert(offsetof(wdMsg, destMod) == 8, "destMod at 8");
 static_assert(offsetof(wdMsg, data) == 12, "data at 12");
 static_assert(offsetof(wdMsg, datalen) == 8012, "datalen at 8012");
 
-typedef void* (*wdModHandler)(void*);
-
-// One entry of the module table. Fields that several threads touch at once are
-// atomic; chanlPath and handler are written at start-up before any thread reads
-// them, fdSet belongs to the module's own thread.
-typedef struct wdSubModEntry {
-  std::atomic<pthread_t> threadId;  // 0 when no thread runs
-  char chanlPath[WD_CHANL_PATH_SIZE];
-  std::atomic<int> fd;  // channel socket; 0 when the module has no channel
-  fd_set fdSet;
-  wdModHandler handler;
-  std::atomic<uint32_t> timer;  // period in seconds; 0 when not configured
-} wdSubModEntry;
-
-// Module table, zero at program start.
-extern wdSubModEntry gSubMod[WD_MOD_NUM];
-// Highest channel descriptor made so far; never lowered.
-extern std::atomic<int> maxNumFd;
-// 1: the next report line sent to syslog-ng carries the reload mark.
-extern std::atomic<int> sngReload;
-// Console trace switch: 1 with option -d. Written only before threads start.
-extern int debuglevel;
-
-#endif  // WATCHDOGD_CORE_WD_TYPES_H
+#endif  // WATCHDOGD_CORE_WD_WIRE_H

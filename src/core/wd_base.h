@@ -1,0 +1,63 @@
+// The bottom of the daemon, used by every thread: the console trace, the
+// real-time clock, real-time threads and the parsing of numbers that come
+// from outside (configuration, answers, files, tool output).
+#ifndef WATCHDOGD_CORE_WD_BASE_H
+#define WATCHDOGD_CORE_WD_BASE_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <sys/time.h>
+
+// Console trace switch: 1 with option -d. Written only before threads start.
+extern int debuglevel;
+
+// Writes "Function:<func> Line=<line>" and the formatted message to
+// /dev/console in one write; "open failed " goes to standard output when the
+// console cannot be opened. Use WD_TRACE, which does nothing unless debuglevel
+// is above 0.
+void wd_dbgTrace(const char* func, int line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+#define WD_TRACE(...)                                                 \
+  do {                                                                \
+    if (debuglevel > 0) wd_dbgTrace(__func__, __LINE__, __VA_ARGS__); \
+  } while (0)
+
+// WD_TRACE in the name of another function (a module's handler, main).
+#define WD_TRACE_AS(func, ...)                                    \
+  do {                                                            \
+    if (debuglevel > 0) wd_dbgTrace(func, __LINE__, __VA_ARGS__); \
+  } while (0)
+
+// Writes the formatted text to /dev/console whatever the debug level, in the
+// trace form (with the function and line prefix).
+#define WD_CONSOLE(...) wd_dbgTrace(__func__, __LINE__, __VA_ARGS__)
+
+// The real-time clock as 64-bit seconds and microseconds. Right past 2038
+// also where time_t has 32 bits: the 64-bit clock call of the kernel is used
+// there when it has one, else the 32-bit seconds are read as unsigned (good
+// until 2106). Returns 0, or -1 when the clock cannot be read.
+int wd_clockRealtime(int64_t* sec, int32_t* usec);
+
+// Sets `tv` to `seconds` and 0 microseconds; returns 0.
+int wd_initTimeVal(struct timeval* tv, int seconds);
+
+// Starts `body` in a new thread with round-robin real-time scheduling at
+// priority 75. Where that is refused, starts it with default attributes and
+// says so once per process on the debug console. Returns pthread_create's
+// result. Programs started from such a thread get default scheduling (wd_run).
+int wd_createRtThread(pthread_t* tid, void* (*body)(void*), void* arg, const char* name);
+
+// A configuration number: the leading decimal digits of `text` (saturating at
+// 4294967295); 0 for an empty or non-numeric text.
+uint32_t wd_parseUnsigned(const char* text);
+// A decimal number at *text as strtol reads it (leading blanks, a sign),
+// within [min, max]: stored in *value with *text moved past it, and 1
+// returned. 0, with nothing moved, when there is no number or it is out of
+// range.
+int wd_parseLong(const char** text, long min, long max, long* value);
+// A module period in seconds as the milliseconds the timer service takes,
+// capped where the milliseconds no longer fit an int (about 24.8 days).
+int wd_periodMs(uint32_t seconds);
+
+#endif  // WATCHDOGD_CORE_WD_BASE_H

@@ -1,0 +1,81 @@
+// Module channels and sending events: the module table's channel side.
+//
+// A module's channel is a Unix datagram socket bound to its chanlPath under
+// /var. Any thread sends an event to a module through the module's own channel
+// socket; the thread that opened the channel alone receives on it. A channel
+// is published in the module's entry (fd) only once it is bound, and its path
+// is removed when the thread that opened it closes it.
+#ifndef WATCHDOGD_CORE_WD_CHANL_H
+#define WATCHDOGD_CORE_WD_CHANL_H
+
+#include <pthread.h>
+#include <sys/select.h>
+#include <sys/un.h>
+
+#include <atomic>
+
+#include "wd_wire.h"
+
+#define WD_CHANL_PATH_SIZE 32
+
+typedef void* (*wdModHandler)(void*);
+
+// One entry of the module table. Fields that several threads touch at once are
+// atomic; chanlPath and handler are written at start-up before any thread reads
+// them; fdSet is written under the channel lock by the thread whose channel it
+// holds.
+typedef struct wdSubModEntry {
+  std::atomic<pthread_t> threadId;  // 0 when no thread runs
+  char chanlPath[WD_CHANL_PATH_SIZE];
+  std::atomic<int> fd;  // published channel socket; 0 when the module has none
+  fd_set fdSet;
+  wdModHandler handler;
+  std::atomic<uint32_t> timer;  // period in seconds; 0 when not configured
+} wdSubModEntry;
+
+// Module table, zero at program start.
+extern wdSubModEntry gSubMod[WD_MOD_NUM];
+// Highest channel descriptor made so far; never lowered.
+extern std::atomic<int> maxNumFd;
+
+// The channel a thread opened for its module: what it waits and receives on,
+// whatever the module's entry holds meanwhile.
+typedef struct wdChanl {
+  int modId;
+  int fd;
+} wdChanl;
+
+// Makes the channel of module `modId`: a datagram socket bound to its
+// chanlPath (a stale file there is removed first), raises maxNumFd, then
+// publishes it in the entry's fd. Returns the descriptor; a socket that cannot
+// bind is still published and returned after a message on standard error.
+// Returns -1, with a message on the debug console and nothing published, when
+// no usable socket can be made at all.
+int wd_estFdChanl(int modId);
+
+// Opens the channel of `modId` for the calling thread (wd_estFdChanl) and puts
+// it alone into the entry's fdSet. 0, or -1 when no channel could be made.
+int wd_chanlOpen(int modId, wdChanl* ch);
+// Closes the channel. When it is still the module's published channel, the
+// entry's fd and fdSet are cleared and its path is removed; a channel that a
+// later thread of the same module has replaced is left to that thread.
+void wd_chanlClose(wdChanl* ch);
+
+enum wdWaitResult { WD_WAIT_READY, WD_WAIT_ERROR, WD_WAIT_TIMEOUT, WD_WAIT_NOT_SET };
+// Waits without time limit until `ch` is readable: select over maxNumFd + 1
+// descriptors on a set that holds the channel alone. `*selectResult` gets
+// select's result.
+wdWaitResult wd_chanlWait(const wdChanl* ch, int* selectResult);
+
+// Fills `addr` with the channel address of module `modId`.
+void wd_chanlAddr(int modId, sockaddr_un* addr);
+
+// Sends event `eventType` to module `destMod` as one 8016-byte wdMsg through
+// the module's own channel socket. A payload is carried when `data` is given
+// and `len` is 1..1999. Never waits: an event that the module's full queue
+// cannot take is dropped with a line on the debug console. Returns the bytes
+// sent (8016), or -1 when the module has no channel or the event was dropped.
+// Any thread.
+int wd_simpleSendMsg(int eventType, int srcMod, int destMod, const void* data, unsigned len);
+
+#endif  // WATCHDOGD_CORE_WD_CHANL_H

@@ -1,0 +1,25 @@
+// Programs the daemon starts, and the files their output goes to.
+//
+// Every program of the daemon (the pid file's shell line, ifconfig, ping,
+// nslookup, ps, cp, rm, syslog-ng) starts through wd_run: whatever thread
+// starts it (a real-time relay thread, a module thread with SIGUSR1/SIGUSR2
+// blocked), the program gets the default signal mask and dispositions,
+// default scheduling, and none of the daemon's descriptors but 0 to 2.
+#ifndef WATCHDOGD_CORE_WD_PROC_H
+#define WATCHDOGD_CORE_WD_PROC_H
+
+// Runs `argv[0]` (looked up in PATH) with `argv` (null-terminated) and waits
+// for its end. `outFd` and `errFd`, when 0 or more, become its standard
+// output and standard error; otherwise it shares the daemon's. Returns the
+// wait status as system() does, or -1 when it could not be started. Any thread.
+int wd_run(const char* const argv[], int outFd, int errFd);
+
+// Runs `command` with "/bin/sh -c", as system() does, through wd_run.
+int wd_runShell(const char* command, int outFd);
+
+// Removes whatever stands at `path` and creates the file anew: exclusively,
+// never through a symbolic link, mode 0600, open for reading and writing.
+// Returns the descriptor (close-on-exec), or -1.
+int wd_createFresh(const char* path);
+
+#endif  // WATCHDOGD_CORE_WD_PROC_H

@@ -1,0 +1,58 @@
+// Module threads: which start from the configuration, how one is started and
+// how it ends, and the common module loop every module follows.
+//
+// Each module thread opens its own channel (wdChanl), waits on it and handles
+// one wdMsg at a time. It is started by the main thread (at start-up or on
+// command type 2) and ends itself on THREAD_EXIT.
+#ifndef WATCHDOGD_MODULES_WD_MODTHREAD_H
+#define WATCHDOGD_MODULES_WD_MODTHREAD_H
+
+#include <stdint.h>
+
+#include "wd_chanl.h"
+
+// Fills the channel paths, thread bodies and timer values of entries 0..11
+// from the module definitions (wd_modules). Called once by main; returns 0.
+int wd_initSubModData(void);
+// Starts the module threads that the configuration enables. Returns 0 when the
+// watchdog feature is off, else the result of the last thread creation.
+int wd_creatModThreads(void);
+// Starts the thread of module `modId` (default attributes, argument 60) and
+// stores its id in the entry. Returns pthread_create's result. Main thread.
+int wd_startModThread(int modId);
+// The module's configured period in seconds (0 for none); only reads.
+uint32_t wd_updateModTimer(uint8_t modId);
+// End the calling module thread: stop its periodic (wd_threadExit) or one-shot
+// (wd_pppthreadExit) timer when `timerId` is not 0, clear what of the
+// module's entry is still this thread's own, close its channel `ch` (null
+// when it has none). Do not return.
+[[noreturn]] void wd_threadExit(uint8_t modId, int periodicTimerId, wdChanl* ch);
+[[noreturn]] void wd_pppthreadExit(uint8_t modId, int timerId, wdChanl* ch);
+
+// How a module's loop says something: not at all, on the debug console
+// (tcdbg_printf), or as a trace.
+enum wdSay { WD_SAY_NOTHING, WD_SAY_CONSOLE, WD_SAY_TRACE };
+struct wdLoopMsg {
+  const char* text;
+  wdSay how;
+};
+// The texts of a module's loop; they differ slightly between modules.
+struct wdModLoopText {
+  const char* handlerName;  // function name shown in the loop's traces
+  wdLoopMsg selectError;    // with the select result as its argument
+  wdLoopMsg selectTimeout;
+  wdLoopMsg noFdInSet;
+  wdLoopMsg mallocFail;
+  wdLoopMsg zeroBytes;
+};
+
+enum wdLoopAction { WD_LOOP_CONTINUE, WD_LOOP_EXIT };
+
+// The common module loop on the thread's channel `ch`: waits, receives one
+// wdMsg at a time into a fresh zeroed 8016-byte buffer and hands it to
+// `onMsg`, releasing the buffer afterwards. Returns when `onMsg` answers
+// WD_LOOP_EXIT (THREAD_EXIT); the caller then ends the thread.
+void wd_modLoop(const wdChanl* ch, const wdModLoopText& text,
+                wdLoopAction (*onMsg)(wdMsg* msg, void* ctx), void* ctx);
+
+#endif  // WATCHDOGD_MODULES_WD_MODTHREAD_H

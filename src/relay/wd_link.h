@@ -1,0 +1,22 @@
+// The link to syslog-ng: the transmit thread sends one line per 300 ms tick
+// as a 520-byte datagram to /var/wdSyslogTx.chanl, the receive thread takes
+// the answers on /var/wdSyslogRx.chanl and removes acknowledged lines, the
+// resend thread takes the relay's timer events on the channel of
+// MOD_MSG_RESEND. Three failure answers in a row suspend sending; while
+// suspended, the head line goes out as a probe every 30 seconds until a
+// probe is answered with success.
+#ifndef WATCHDOGD_RELAY_WD_LINK_H
+#define WATCHDOGD_RELAY_WD_LINK_H
+
+// Waits (30 s, then every 30 s) until syslog-ng takes a connect on the
+// transmit path. Main thread, at start-up.
+void wd_connectSyslogNG(void);
+// Thread bodies; their argument is ignored and they never return.
+void* wd_bufTxHandler(void* arg);
+void* wd_bufRxHandler(void* arg);
+void* wd_bufResendHandler(void* arg);
+// Stops the check timer and arms it again (30000 ms, TX_CHECK_TIMEOUT).
+// Caller holds bufMutex.
+void wd_bufRearmCheck(void);
+
+#endif  // WATCHDOGD_RELAY_WD_LINK_H

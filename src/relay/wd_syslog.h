@@ -1,0 +1,32 @@
+// Report lines and the device identity, and the entry points that put lines
+// into the relay's buffer.
+//
+// A report line is "my.app.wd.<category>.<identity>: <seconds>|<text>" (no
+// seconds and bar for category voipstat), at most 511 characters. The
+// identity is the gateway's MAC address from the MRD record in flash.
+#ifndef WATCHDOGD_RELAY_WD_SYSLOG_H
+#define WATCHDOGD_RELAY_WD_SYSLOG_H
+
+#include <stdint.h>
+
+// The gateway's MAC address as twelve lower-case hex digits: empty until the
+// first wd_initData, "000000000000" while the flash cannot be read.
+extern char macAddr[13];
+
+// Builds the report line for `text` in `category` (0..16; above: empty
+// category text) and hands it to the buffer (wd_syslogPushFormat). 0 when the
+// buffer took it, -1 when it refused it. Any thread.
+int wd_syslogStr(uint32_t category, const char* text);
+// (Re)reads the identity from the MRD record; 1 on success, 0 on failure.
+int wd_initData(void);
+// Reads the 255-byte MRD record at 0x1FF00 of /dev/mtd0; 1 when all came.
+int MRDread(unsigned char* buf);
+
+// Puts a report line into the buffer, within its limits (500 other lines, 16
+// ppp lines), and writes the flash copy when the buffer asks for it. 0 when
+// taken, -1 when refused. Takes bufMutex; writes the copy after releasing it.
+int wd_syslogPushFormat(const char* line, uint32_t category);
+// The same for a line restored from flash: appended, never refused.
+int wd_syslogPush(const char* line, uint32_t category);
+
+#endif  // WATCHDOGD_RELAY_WD_SYSLOG_H

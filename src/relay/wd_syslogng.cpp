@@ -1,0 +1,275 @@
+// Supervision of syslog-ng and the relay's signal requests.
+//
+// Threads: the transmit thread runs every function here but the two signal
+// handlers, which only note their request for it.
+#include "wd_syslogng.h"
+
+#include <ctype.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "tcapi.h"
+#include "wd_base.h"
+#include "wd_buffer.h"
+#include "wd_lock.h"
+#include "wd_proc.h"
+
+namespace {
+
+constexpr const char* kPidFile = "/var/run/syslog-ng.pid";
+constexpr const char* kTemplate = "/etc/syslog-ng.conf";
+constexpr const char* kConfig = "/var/syslog-ng.conf";
+constexpr const char* kStartCmd = "/usr/sbin/syslog-ng -f /var/syslog-ng.conf";
+constexpr const char* kListing = "/tmp/syslogMem";
+constexpr unsigned long kMemoryLimit = 4501;
+
+constexpr const char* kLocalDestination =
+    "destination d_local {\nfile(\"/var/log/messages\" template(t_demo_filetemplate));\n};\n";
+constexpr const char* kLogStatement =
+    "log {\nsource(s_local);\nsource(s_dgram);\nsource(s_network);\ndestination(d_local);\n};";
+
+int gSyslogngPid = 0;  // the process last seen in the pid file (transmit thread)
+
+// Requests noted by the signal handlers, carried out by the transmit thread.
+std::atomic<int> gToggleRequests{0};
+std::atomic<int> gDumpRequests{0};
+int gAnnouncedDebug = 0;  // g_idebug as last announced (transmit thread)
+
+// The process id at the start of a pid file's text; 0 when there is none.
+int LeadingPid(const char* text) {
+  long pid = 0;
+  return wd_parseLong(&text, 1, INT_MAX, &pid) ? static_cast<int>(pid) : 0;
+}
+
+// The memory column of one line of the listing "PID USER VSZ STAT ...";
+// false for a line that does not give the four fields.
+bool MemoryOfLine(const char* line, unsigned long* memory) {
+  const char* blanks = " \t\r\n\v\f";
+  long pid, mem;
+  if (!wd_parseLong(&line, INT_MIN, INT_MAX, &pid)) return false;
+  line += strspn(line, blanks);
+  size_t user = strcspn(line, blanks);
+  if (user == 0) return false;
+  line += user;
+  if (!wd_parseLong(&line, 0, LONG_MAX, &mem)) return false;
+  line += strspn(line, blanks);
+  if (*line == '\0') return false;
+  *memory = static_cast<unsigned long>(mem);
+  return true;
+}
+
+// A host name or address that can stand in syslog-ng's configuration.
+bool PlainHost(const char* host) {
+  if (*host == '\0') return false;
+  for (const char* p = host; *p; ++p) {
+    if (!isalnum(static_cast<unsigned char>(*p)) && *p != '.' && *p != '-' && *p != '_')
+      return false;
+  }
+  return true;
+}
+
+// A name that syslog-ng can take as a destination driver.
+bool PlainDriver(const char* driver) {
+  if (*driver == '\0') return false;
+  for (const char* p = driver; *p; ++p) {
+    if (!isalnum(static_cast<unsigned char>(*p)) && *p != '_' && *p != '-') return false;
+  }
+  return true;
+}
+
+// Appends the remote destination for `server` over `protocol` to `f`, or says
+// why a value cannot go into the configuration and returns false.
+bool AppendRemote(FILE* f, const char* server, const char* protocol) {
+  const char* driver = protocol;
+  if (strcmp(protocol, "TCP") == 0) {
+    driver = "tcp";
+  } else if (strcmp(protocol, "UDP") == 0) {
+    driver = "udp";
+  } else {
+    tcdbg_printf("it should not be here....\n");
+  }
+  char host[128] = {0};
+  size_t hostLen = strcspn(server, ":");
+  memcpy(host, server, hostLen < sizeof host ? hostLen : sizeof host - 1);
+  int port = 514;
+  bool portOk = true;
+  if (server[hostLen] == ':') {
+    const char* text = server + hostLen + 1;
+    long value;
+    if (wd_parseLong(&text, 1, 65535, &value)) {
+      port = static_cast<int>(value);
+    } else {
+      char* end;
+      strtol(server + hostLen + 1, &end, 10);
+      portOk = end == server + hostLen + 1;  // no number at all keeps 514
+    }
+  }
+  if (!PlainDriver(driver)) {
+    tcdbg_printf("Protocol %s is not a syslog-ng driver name, local destination used\n", driver);
+    return false;
+  }
+  if (!PlainHost(host)) {
+    // Quotes or brackets in the host would break syslog-ng's configuration.
+    tcdbg_printf("URLSYSLOGServer host %s is not a host name or address, local destination used\n",
+                 host);
+    return false;
+  }
+  if (!portOk) {
+    tcdbg_printf("URLSYSLOGServer %s has no port in 1-65535, local destination used\n", server);
+    return false;
+  }
+  tcdbg_printf("URLSYSLOGServer is %s site is %s port is %d\n", server, host, port);
+  char text[WD_LINE_SIZE];
+  snprintf(text, sizeof text,
+           "destination d_local {\n%s(\"%s\" port(%d) template(t_demo_filetemplate));\n};", driver,
+           host, port);
+  fputs(text, f);
+  return true;
+}
+
+}  // namespace
+
+void fileRead(const char* path, char* buf, int size) {
+  if (size <= 0) return;
+  memset(buf, 0, static_cast<size_t>(size));
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  ssize_t n = read(fd, buf, static_cast<size_t>(size - 1));
+  if (n < 0) buf[0] = '\0';
+  close(fd);
+}
+
+int SyslogngRestart(void) {
+  char text[9];
+  fileRead(kPidFile, text, sizeof text);
+  if (text[0] == '\0') {
+    tcdbg_printf("SyslogngRestart. fail to open /var/run/syslog-ng.pid\n");
+    return 0;
+  }
+  int pid = LeadingPid(text);
+  if (gSyslogngPid == 0) {
+    gSyslogngPid = pid;
+    return 0;
+  }
+  if (pid == gSyslogngPid) return 0;
+  tcdbg_printf("SyslogngRestart. pid:%d --> %s\n", gSyslogngPid, text);
+  gSyslogngPid = pid;
+  return 1;
+}
+
+void kill_process(const char* pidFile, const char* name) {
+  char text[9];
+  fileRead(pidFile, text, sizeof text);
+  if (text[0] == '\0') return;
+  // 0 or nothing numeric would signal a whole process group or every process;
+  // a stale file may name a process that is not the one it was written for.
+  int pid = LeadingPid(text);
+  char path[32], comm[32];
+  snprintf(path, sizeof path, "/proc/%d/comm", pid);
+  fileRead(path, comm, sizeof comm);
+  comm[strcspn(comm, "\n")] = '\0';
+  if (pid > 0 && strcmp(comm, name) == 0) {
+    kill(pid, SIGKILL);
+  } else {
+    tcdbg_printf("kill_process: %s names no %s process, nothing killed\n", pidFile, name);
+  }
+  unlink(pidFile);
+}
+
+int checkSyslogngMemory(void) {
+  int fd = wd_createFresh(kListing);
+  if (fd < 0) return 0;
+  wd_runShell("ps | grep -v grep | grep \"/usr/sbin/syslog-ng -f /var/syslog-ng.conf\"", fd);
+  lseek(fd, 0, SEEK_SET);
+  FILE* f = fdopen(fd, "r");
+  if (f == nullptr) {
+    close(fd);
+    unlink(kListing);
+    return 0;
+  }
+  char* line = nullptr;
+  size_t cap = 0;
+  bool any = false;
+  unsigned long largest = 0;
+  while (getline(&line, &cap, f) != -1) {
+    unsigned long memory;
+    if (!MemoryOfLine(line, &memory)) continue;
+    any = true;
+    if (memory > largest) largest = memory;
+  }
+  free(line);
+  bool restart = any && largest >= kMemoryLimit;
+  if (restart) {
+    tcdbg_printf("Restart syslog-ng process !\n");
+    RestartSysklogng();
+  }
+  fclose(f);
+  unlink(kListing);
+  return restart ? 1 : 0;
+}
+
+void RestartSysklogng(void) {
+  kill_process(kPidFile, "syslog-ng");
+  const char* copy[] = {"/bin/cp", "-pf", kTemplate, kConfig, nullptr};
+  wd_run(copy, -1, -1);
+
+  char enable[16] = {0};
+  if (tcapi_get("Watchdog_Common", "Enable", enable) != 0) {
+    tcdbg_printf("get Watchdog_Common Enable fail\n");
+    return;
+  }
+  if (strcmp(enable, "1") != 0) return;
+  FILE* f = fopen(kConfig, "ae");
+  if (f == nullptr) {
+    tcdbg_printf("open %s file fail\n", kConfig);
+    return;
+  }
+  char server[128] = {0};
+  bool remote = tcapi_get("Watchdog_Common", "URLSYSLOGServer", server) == 0 && server[0] != '\0';
+  if (!remote) {
+    tcdbg_printf("URLSYSLOGServer is empty\n");
+  } else {
+    char protocol[16] = {0};
+    if (tcapi_get("Watchdog_Common", "Protocol", protocol) != 0) {
+      tcdbg_printf("get Watchdog_Common Protocol fail\n");
+      fclose(f);
+      return;
+    }
+    remote = AppendRemote(f, server, protocol);
+  }
+  if (!remote) fputs(kLocalDestination, f);
+  fputs(kLogStatement, f);
+  fclose(f);
+  tcdbg_printf("RestartSysklogng. %s\n", kStartCmd);
+  const char* start[] = {"/usr/sbin/syslog-ng", "-f", kConfig, nullptr};
+  wd_run(start, -1, -1);
+}
+
+void TriggerDebugFlag(int) {
+  g_idebug.fetch_xor(1);
+  gToggleRequests.fetch_add(1);
+}
+
+void DumpList(int) { gDumpRequests.fetch_add(1); }
+
+void wd_bufServeSignals(void) {
+  for (int n = gToggleRequests.exchange(0); n > 0; --n) {
+    gAnnouncedDebug ^= 1;
+    WD_CONSOLE(gAnnouncedDebug ? "Enable debug flag.\n" : "Disable debug flag.\n");
+  }
+  for (int n = gDumpRequests.exchange(0); n > 0; --n) {
+    WD_CONSOLE("==== Dump of buffered syslog ====\n");
+    {
+      wdLock lock(&bufMutex);
+      printBufAll(commBufList);
+    }
+    WD_CONSOLE("==== End ====\n");
+  }
+}

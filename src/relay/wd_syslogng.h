@@ -1,0 +1,34 @@
+// Supervision of the syslog-ng process: noticing a new one, restarting one
+// that has grown too big with a configuration generated from
+// Watchdog_Common, and the relay's two signal-driven debugging aids. What a
+// restart means for the link (suspension until a probe is answered) is the
+// caller's (wd_link).
+#ifndef WATCHDOGD_RELAY_WD_SYSLOGNG_H
+#define WATCHDOGD_RELAY_WD_SYSLOGNG_H
+
+// 1 when /var/run/syslog-ng.pid names another process than last time. The
+// first process seen is remembered, not taken for a restart. Transmit thread,
+// with bufMutex held.
+int SyslogngRestart(void);
+// Lists syslog-ng with the gateway's ps and restarts it (RestartSysklogng)
+// when its memory column reads 4501 or more. Returns 1 when it restarted it,
+// else 0. Transmit thread, without bufMutex (it waits for programs).
+int checkSyslogngMemory(void);
+// Kills syslog-ng, copies the template /etc/syslog-ng.conf to
+// /var/syslog-ng.conf, appends the destination and log statement from
+// Watchdog_Common, and starts syslog-ng on it when the feature is enabled.
+void RestartSysklogng(void);
+// Kills the process named in `pidFile` with SIGKILL, but only when its name
+// (/proc/PID/comm) is `name`, and deletes the pid file.
+void kill_process(const char* pidFile, const char* name);
+// Clears `size` bytes of `buf` and reads at most size - 1 bytes of the file.
+void fileRead(const char* path, char* buf, int size);
+
+// Signal handlers (SIGUSR1: the relay's trace switch g_idebug; SIGUSR2: dump
+// of the buffer). They only note the request; wd_bufServeSignals carries it
+// out (the transmit thread, at its next wake-up).
+void TriggerDebugFlag(int sig);
+void DumpList(int sig);
+void wd_bufServeSignals(void);
+
+#endif  // WATCHDOGD_RELAY_WD_SYSLOGNG_H
