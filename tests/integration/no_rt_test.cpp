@@ -1,9 +1,5 @@
 // A gateway that refuses real-time scheduling (no CAP_SYS_NICE): the timer
 // thread runs all the same, with default scheduling, and the daemon says so once.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
 
 #include "gateway.h"
 

@@ -3,9 +3,6 @@
 // build they run under qemu-mips (WD_EMULATOR), in the device's byte order;
 // in a native build the same test runs the native programs. The daemon keeps
 // real time here, so its 30-second wait for syslog-ng is really waited.
-#include <gtest/gtest.h>
-
-#include <string>
 
 #include "gateway.h"
 

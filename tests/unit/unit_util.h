@@ -1,10 +1,29 @@
-// Helpers shared by the unit tests.
+// Helpers shared by the unit tests, and the headers they all use.
 #ifndef WATCHDOGD_TESTS_UNIT_UNIT_UTIL_H
 #define WATCHDOGD_TESTS_UNIT_UNIT_UTIL_H
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
 #include <fstream>
+#include <functional>
+#include <set>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include "tcapi.h"
 
 #include "wd_buffer.h"
 #include "wd_lock.h"
@@ -15,6 +34,22 @@ inline std::string Slurp(const char* path) {
   std::stringstream ss;
   ss << in.rdbuf();
   return ss.str();
+}
+
+// Number of occurrences of `needle` in `text`.
+inline size_t Count(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+// Polls `done` every 10 ms for up to five seconds.
+inline bool WaitUntil(const std::function<bool()>& done) {
+  for (int i = 0; i < 500; ++i) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return done();
 }
 
 // A fresh, empty report buffer as commBufList with zeroed counters, for the
@@ -41,7 +76,7 @@ class ScopedBuffer {
   // Removes every line, as acknowledgements would.
   void Clear() {
     wdLock lock(&bufMutex);
-    while (list.head != nullptr) bufNodeDel(&list, list.head);
+    while (list.head != nullptr) bufNodeDel(&list, list.head, nullptr);
   }
 
   wdBufList list;

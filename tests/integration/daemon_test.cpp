@@ -1,0 +1,252 @@
+// The daemon driven from outside: start-up, the command loop, the tools,
+// module threads started, stopped and queried by command, the sample
+// module's traces, forwarding to module channels, and module timers.
+
+#include "gateway.h"
+
+using gw::Count;
+using gw::Daemon;
+using gw::SetConfig;
+
+namespace {
+
+int Mode(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
+}
+
+// Binds `path` as a socket that nobody reads; returns its descriptor.
+int Squat(const char* path) {
+  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  strcpy(addr.sun_path, path);
+  unlink(path);
+  return bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ? fd : -1;
+}
+
+
+TEST(StartUp, PidFileWorkDirectoryNothingWritableByOthersAndTheLastOptionDecides) {
+  Daemon d;
+  ASSERT_TRUE(d.Start({"-x", "-d"}));
+  EXPECT_EQ(gw::ReadFile("/var/run/qorv_watchdogd.pid"), std::to_string(d.pid()) + "\n");
+  EXPECT_EQ(Mode("/var/wd_tmp"), 0755);
+  EXPECT_EQ(Mode("/tmp/watchdog_sock") & 022, 0);
+  EXPECT_EQ(Mode("/var/wdSyslogRx.chanl") & 022, 0);
+  EXPECT_EQ(Count(d.Stderr(), "\r\n main  while !=-1\r\n"), 2u);
+  gw::ResultSocket results;
+  ASSERT_EQ(results.Query(0x0B), WD_QUERY_NOT_RUNNING);
+  std::string console = gw::Console();
+  for (const char* line : {"wd_main while  select ok", "wd_main signaltype=4",
+                           "wd_main sequenceNumber=b", "wd_main wordData=0", "wd_main dataLength=0"}) {
+    EXPECT_NE(console.find(line), std::string::npos) << line;
+  }
+  size_t query = console.find("MSG_QORVWATCHDOG_QUERY wordData=2328");
+  ASSERT_NE(query, std::string::npos);
+  EXPECT_EQ(console.rfind("Function:main Line=", query), console.rfind("Function:", query))
+      << "the query's trace is the command loop's";
+  d.Kill();
+  gw::ClearConsole();
+  ASSERT_TRUE(d.Start({"-d", "-x"}));
+  ASSERT_EQ(results.Query(0x0B), WD_QUERY_NOT_RUNNING);
+  EXPECT_EQ(gw::Console(), "") << "-d then another option: no trace";
+}
+
+TEST(StartUp, CommandSocketFailureEndsMainAfterThePidFile) {
+  ASSERT_EQ(mkdir("/tmp/watchdog_sock", 0755), 0);  // a directory that cannot be removed
+  gw::WriteFile("/tmp/watchdog_sock/keep", "x");
+  Daemon d;
+  ASSERT_TRUE(d.Start({}, false));
+  EXPECT_EQ(d.Wait(20000), 255) << "main returns -1";
+  EXPECT_EQ(d.Stderr(), "\r\n WDSockInit failed\r\n");
+  EXPECT_TRUE(gw::Exists("/var/run/qorv_watchdogd.pid"));
+}
+
+TEST(Commands, QueriesInvalidTypesReloadsAndBadInput) {
+  Daemon d;
+  ASSERT_TRUE(d.Start({"-d"}));
+  gw::ResultSocket results;
+  for (uint16_t mod : {0, 1, 12, 13, 0xFFFF}) {
+    ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, mod, 0));
+    wdCmdMsg reply;
+    ASSERT_TRUE(results.Receive(&reply)) << mod;
+    EXPECT_EQ(std::vector<uint32_t>({reply.signaltype, reply.sequenceNumber, reply.wordData, reply.dataLength}),
+              std::vector<uint32_t>({4, mod, 9000, 0}));
+  }
+  gw::ClearConsole();
+  for (uint32_t type : {0u, 9u, 13u, 0xDEADBEEFu, 11u, 12u}) ASSERT_TRUE(gw::SendCommand(type, 1, 0));
+  unsigned char junk[15] = {1, 2, 3};
+  ASSERT_TRUE(gw::SendToChannel(WD_CMD_SOCK_PATH, junk, 0));
+  ASSERT_TRUE(gw::SendToChannel(WD_CMD_SOCK_PATH, junk, 15));
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_MONITOR_DATA, 10, 0, {1, 2, 3}, 8));
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, 7, 1, {1, 2}, 0xFFFFFFFFu));
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_CONFIG_CHANGE, 1, 0, std::vector<unsigned char>(700)));
+  for (uint32_t type : {1u, 3u}) ASSERT_TRUE(gw::SendCommand(type, 13, 0));
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_THREAD_START, 0xFFFF, 0));  // ignored silently
+  ASSERT_EQ(results.Query(1), WD_QUERY_NOT_RUNNING);
+  EXPECT_EQ(d.NewStderr(),
+            "Invalid message type: 0x00000000\r\nInvalid message type: 0x00000009\r\n"
+            "Invalid message type: 0x0000000D\r\nInvalid message type: 0xDEADBEEF\r\n"
+            "iReadLen=1\t\niReadLen=1\t\niReadLen=2\t\niReadLen=2\t\niReadLen=2\t\n"
+            "Invalid module id: 13, command type 1 dropped\r\n"
+            "Invalid module id: 13, command type 3 dropped\r\n");
+  EXPECT_EQ(gw::Console().find("wd_simpleSendMsg"), std::string::npos) << "reloads send nothing";
+}
+
+TEST(Commands, FloodsAndAnAskerThatNeverReadsLeaveTheLoopServing) {
+  Daemon d;
+  ASSERT_TRUE(d.Start());
+  int sent = 0;
+  for (int i = 0; i < 5000; ++i) {
+    sent += gw::SendCommand(i % 14, i % 20, 1, {1, 2, 3, 4, 5, 6, 7, 8});
+  }
+  EXPECT_GT(sent, 4000);
+  int stuck = Squat(WD_RESULT_SOCK_PATH);  // binds the reply path, never reads
+  ASSERT_GE(stuck, 0);
+  for (int i = 0; i < 50; ++i) ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, 1, 0));
+  ASSERT_TRUE(gw::SendCommand(9, 1, 0));
+  const std::string dropped = "Query reply for module 1 to /tmp/wd_result_sock dropped: "
+                              "Resource temporarily unavailable\r\n";
+  EXPECT_TRUE(gw::WaitUntil([&] {
+    std::string err = d.Stderr();
+    return err.find("Invalid message type: 0x00000009\r\n", err.find(dropped)) != std::string::npos;
+  }, 20000)) << "the loop went on after replies it could not send";
+  close(stuck);
+  gw::ResultSocket results;
+  EXPECT_EQ(results.Query(MOD_SAMPLE, 20000), WD_QUERY_NOT_RUNNING);
+}
+
+TEST(Tools, TcapiAndWdctlWithoutDaemonOrReply) {
+  EXPECT_EQ(gw::Run("tcapi set N A 30 && tcapi get N A && tcapi show N && tcapi get N B").output,
+            "30\n[N]\nA=30\ntcapi: no attribute B of node N\n");
+  for (const char* bad : {"tcapi set 'Bad Node' A 1", "tcapi frobnicate", "wdctl", "wdctl query pppp",
+                          "wdctl send 1 pppoe -x 0g", "wdctl send 1 70000", "wdctl --timeout 0 status"}) {
+    EXPECT_EQ(gw::Run(bad).status, std::string(bad).find("Node") == std::string::npos ? 2 : 1) << bad;
+  }
+  EXPECT_EQ(gw::Run("wdctl query pppoe").status, 1) << "no daemon";
+  int fd = Squat(WD_CMD_SOCK_PATH);  // takes commands, never answers
+  gw::RunResult r = gw::Run("wdctl --timeout 0.3 query arp");
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.output, "wdctl: no reply from watchdogd within 300 ms\n");
+  close(fd);
+}
+
+TEST(ModuleStart, StartStopAndQueryByCommandAndWdctl) {
+  SetConfig("Watchdog_Common", "Enable", "0");
+  Daemon d;
+  ASSERT_TRUE(d.Start());
+  auto query = [] { return gw::Run("wdctl query arp").output; };
+  EXPECT_EQ(gw::Run("wdctl start arp").status, 0);
+  EXPECT_EQ(query(), "arp: not running (9000)\n") << "type 2 needs the feature";
+  SetConfig("Watchdog_Common", "Enable", "1");
+  SetConfig("Watchdog_ARP", "Timer", "20");
+  for (int round = 0; round < 2; ++round) {  // started again, it makes its channel anew
+    EXPECT_EQ(gw::Run("wdctl start arp").status, 0);
+    EXPECT_TRUE(gw::WaitUntil([&] { return query() == "arp: running (0)\n"; }));
+    EXPECT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_arp.chanl"); }));
+    EXPECT_EQ(gw::Run("wdctl exit arp").status, 0);
+    EXPECT_TRUE(gw::WaitUntil([&] { return query() == "arp: not running (9000)\n"; }));
+    EXPECT_TRUE(gw::WaitUntil([] { return !gw::Exists("/var/wd_arp.chanl"); }))
+        << "the channel's path goes with the module";
+  }
+  // Neither the default entry nor the relay's entry is a module to start.
+  EXPECT_EQ(gw::Run("wdctl start default && wdctl start msg_resend").status, 0);
+  std::string status = gw::Run("wdctl status").output;
+  EXPECT_EQ(Count(status, " not running\n"), 13u) << status;
+  EXPECT_EQ(status.find(" 0 default        not running\n"), 0u) << status;
+  EXPECT_EQ(gw::Run("wdctl --json query 3").output,
+            "{\"id\":3,\"module\":\"arp\",\"running\":false,\"answer\":9000}\n");
+  EXPECT_FALSE(gw::Exists(WD_RESULT_SOCK_PATH)) << "wdctl removes its reply socket";
+}
+
+TEST(SampleModule, TracesEveryEventOutlivesThreadExitAndTakesGarbage) {
+  SetConfig("Watchdog_Common", "Enable", "1");
+  Daemon d;
+  ASSERT_TRUE(d.Start({"-d"}));
+  EXPECT_EQ(gw::Run("wdctl start sample").status, 0);
+  ASSERT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_smple.chanl"); }));
+  gw::ClearConsole();
+  for (const char* cmd : {"config", "exit", "inform", "inform-response", "cr-name-change",
+                          "name-change"}) {
+    EXPECT_EQ(gw::Run(std::string("wdctl ") + cmd + " sample").status, 0) << cmd;
+  }
+  char junk[20000];
+  memset(junk, 'A', sizeof junk);  // no terminating zero anywhere, datalen 'A'
+  for (size_t len : {size_t{0}, size_t{3}, size_t{WD_MSG_SIZE}, sizeof junk}) {
+    ASSERT_TRUE(gw::SendToChannel("/var/wd_smple.chanl", junk, len));
+  }
+  wdMsg last = gw::Event(RECEIVE_FROM, MOD_SAMPLE, "hello");
+  ASSERT_TRUE(gw::SendToChannel("/var/wd_smple.chanl", &last, sizeof last));
+  ASSERT_TRUE(gw::WaitUntil([] {
+    return gw::Console().find("MOD_SAMPLE Received wdMsg, dst#11#, data#hello#\n") !=
+           std::string::npos;
+  })) << gw::Console();
+  std::string console = gw::Console();
+  for (int type : {2, 3, 5, 6, 7, 8}) {
+    std::string line = "MOD_SAMPLE Received wdMsg, dst#11#, type#" + std::to_string(type) + "#\n";
+    EXPECT_EQ(Count(console, line), 1u) << line;
+  }
+  EXPECT_EQ(Count(console, "Receieved 0 bytes!\n"), 1u);
+  EXPECT_EQ(Count(console, "data#AAAA"), 2u) << "the two long ones, cut at the record";
+  EXPECT_NE(console.find("Function:mod_sampleHandler Line="), std::string::npos);
+}
+
+TEST(Forwarding, QueryDataReachesTheVoipModulesWholeAndMonitorDataTheMonitor) {
+  SetConfig("Watchdog_Common", "Enable", "1");
+  SetConfig("Watchdog_VoIPStatus", "RegisterTimer", "15");
+  Daemon d;
+  ASSERT_TRUE(d.Start());
+  const char* paths[] = {"/var/wd_voip_stats.chanl", "/var/wd_voip_register.chanl", "/var/wd_monitor.chanl"};
+  for (const char* path : paths) ASSERT_TRUE(gw::WaitUntil([&] { return gw::Exists(path); })) << path;
+  gw::ChannelTap stats(paths[0]), reg(paths[1]), monitor(paths[2]);  // bound: the taps take over
+  std::vector<unsigned char> data(100, 0x55);
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_VOIP_STATS, 1, {9}));  // too short
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_VOIP_STATS, 2, data));  // word 2
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_VOIP_STATS, 1, data));
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_VOIP_REGISTER, 1, data));
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_VOIP_STATS, 1, {7, 7}));
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_MONITOR_DATA, MOD_ARP, 0, {1, 2, 3}));  // any id
+  struct {
+    gw::ChannelTap* tap;
+    int event, destMod, datalen;
+    std::string data;
+  } want[] = {{&stats, RECEIVE_FROM, MOD_VOIP_STATS, 92, std::string(92, 0x55) + '\0'},
+              {&reg, RECEIVE_FROM, MOD_VOIP_REGISTER, 8, std::string(8, 0x55) + '\0'},
+              {&stats, RECEIVE_FROM, MOD_VOIP_STATS, 92, std::string("\x07\x07\0", 3)},
+              {&monitor, MONITOR_DATA, MOD_MONITOR, 8, std::string("\x01\x02\x03\0", 4)}};
+  for (const auto& w : want) {
+    wdMsg msg;
+    ASSERT_EQ(w.tap->Receive(&msg, 5000, w.event), WD_MSG_SIZE);
+    EXPECT_EQ(msg.destMod, w.destMod);
+    EXPECT_EQ(msg.datalen, w.datalen);
+    EXPECT_EQ(std::string(msg.data, w.data.size()), w.data) << "the first forwarded is the whole one";
+  }
+}
+
+TEST(ModuleTimers, PeriodicTimerEndsWithItsModuleAndRunsRoundRobin) {
+  SetConfig("Watchdog_Common", "Enable", "1");
+  SetConfig("Watchdog_IGMP", "Period", "1");
+  SetConfig("Watchdog_ARP", "Timer", "1");
+  Daemon d;
+  ASSERT_TRUE(d.Start({"-d"}));
+  std::vector<int> policies = gw::ThreadPolicies(d.pid());
+  EXPECT_EQ(std::count(policies.begin(), policies.end(), 2), 4)
+      << "the timer thread and the three relay threads, SCHED_RR";
+  const std::string igmp = "start to send eventType=1 destMod=6";
+  const std::string arp = "start to send eventType=1 destMod=3";
+  ASSERT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), igmp) >= 2; }));
+  EXPECT_EQ(gw::Run("wdctl exit igmp").status, 0);
+  gw::ResultSocket results;
+  ASSERT_TRUE(gw::WaitUntil([&] { return results.Query(MOD_IGMP) == WD_QUERY_NOT_RUNNING; }));
+  // A pass that noted the timer before its stop still calls it: count from two
+  // periods of another module's timer on, then wait three more.
+  size_t arpNow = Count(gw::Console(), arp);
+  ASSERT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), arp) >= arpNow + 2; }));
+  size_t after = Count(gw::Console(), igmp);
+  ASSERT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), arp) >= arpNow + 5; }));
+  EXPECT_EQ(Count(gw::Console(), igmp), after) << "no expiry after THREAD_EXIT";
+  EXPECT_EQ(gw::Run("wdctl start igmp").status, 0);
+  EXPECT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), igmp) >= after + 2; }));
+}
+
+}  // namespace
