@@ -5,15 +5,26 @@
 # build's unit tests under qemu-mips, and a smoke test of its daemon, wdctl
 # and tcapi.
 #
-#   scripts/test.sh            all four
-#   scripts/test.sh plain      some of: plain, asan, tsan, mips
+#   scripts/test.sh                 all four
+#   scripts/test.sh plain           some of: plain, asan, tsan, mips
+#   scripts/test.sh --repeat N      the integration tests N times in a row (ctest
+#                                   --repeat until-fail:N) in plain, asan and tsan
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+repeat=()
+if [ "${1:-}" = --repeat ]; then
+  [[ "${2:-}" =~ ^[1-9][0-9]*$ ]] || { echo "test.sh: --repeat needs a count" >&2; exit 2; }
+  repeat=(-L integration --repeat "until-fail:$2")
+  shift 2
+fi
 "$top/scripts/deps.sh"
 
 jobs=$(nproc)
 variants=("$@")
-[ ${#variants[@]} -gt 0 ] || variants=(plain asan tsan mips)
+if [ ${#variants[@]} -eq 0 ]; then
+  variants=(plain asan tsan mips)
+  [ ${#repeat[@]} -eq 0 ] || variants=(plain asan tsan)
+fi
 
 build() {  # build DIR CMAKE-ARGS...
   local dir=$1
@@ -38,8 +49,8 @@ for v in "${variants[@]}"; do
   (cd "$dir" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
       UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
       TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-      ctest -j "$jobs" --output-on-failure --timeout 300)
-  if [ "$v" = mips ]; then
+      ctest -j "$jobs" --output-on-failure --timeout 300 ${repeat[@]+"${repeat[@]}"})
+  if [ "$v" = mips ] && [ ${#repeat[@]} -eq 0 ]; then
     # The target's programs, driven by this machine's smoke test.
     echo "=== mips smoke test (daemon, wdctl, tcapi under qemu-mips) ==="
     native="$top/build-test-plain"
