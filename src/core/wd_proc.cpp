@@ -34,8 +34,8 @@ int wd_run(const char* const argv[], int outFd, int errFd) {
   param.sched_priority = 0;
   posix_spawnattr_setschedpolicy(&attr, SCHED_OTHER);
   posix_spawnattr_setschedparam(&attr, &param);
-  posix_spawnattr_setflags(&attr,
-                           POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSCHEDULER);
+  posix_spawnattr_setflags(
+      &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSCHEDULER);
 
   pid_t pid;
   int rc = posix_spawnp(&pid, argv[0], &actions, &attr, const_cast<char* const*>(argv), environ);

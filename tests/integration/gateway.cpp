@@ -75,7 +75,7 @@ bool Daemon::Start(const std::vector<std::string>& args, bool waitReady) {
   std::istringstream emulator(Emulator());
   for (std::string word; emulator >> word;) argv.push_back(word);
   if (!argv.empty()) speed = 1;  // the emulator's own waits would not be scaled
-  if (speed != 1) {  // through env(1), so the child only opens and execs
+  if (speed != 1) {              // through env(1), so the child only opens and execs
     const char* asan = getenv("ASAN_OPTIONS");
     argv = {"/usr/bin/env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
             "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_FAKE_MONOTONIC=1",
@@ -173,8 +173,8 @@ bool SendToChannel(const std::string& path, const void* bytes, size_t len) {
   return n == static_cast<ssize_t>(len);
 }
 
-bool SendCommand(uint32_t type, uint16_t mod, uint32_t word,
-                 const std::vector<unsigned char>& data, int64_t dataLength) {
+bool SendCommand(uint32_t type, uint16_t mod, uint32_t word, const std::vector<unsigned char>& data,
+                 int64_t dataLength) {
   wdCmdMsg head = {type, mod, 0, word,
                    static_cast<uint32_t>(dataLength < 0 ? data.size() : dataLength)};
   std::vector<unsigned char> bytes(sizeof head + data.size());
@@ -228,16 +228,12 @@ ssize_t ChannelTap::Receive(wdMsg* msg, int timeoutMs, int event) {
 }
 
 std::vector<int> ThreadPolicies(pid_t pid) {
+  // Field 41 of each thread's stat is its policy: the 39th after the name.
+  std::istringstream in(Run("for t in /proc/" + std::to_string(pid) +
+                            "/task/*; do sed 's/.*) //' $t/stat | cut -d' ' -f39; done")
+                            .output);
   std::vector<int> out;
-  std::istringstream lines(Run("cat /proc/" + std::to_string(pid) + "/task/*/stat").output);
-  for (std::string line; std::getline(lines, line);) {
-    // Field 41 is the policy; fields after the ")" that ends the name, from field 3.
-    std::istringstream fields(line.substr(line.rfind(')') + 2));
-    std::string field;
-    for (int i = 3; i <= 41 && (fields >> field); ++i) {
-      if (i == 41) out.push_back(std::stoi(field));
-    }
-  }
+  for (int policy; in >> policy;) out.push_back(policy);
   return out;
 }
 
@@ -258,8 +254,8 @@ std::vector<std::string> ReportLines(const std::string& file) {
   std::vector<std::string> out;
   std::istringstream in(ReadFile(file));
   for (std::string line; std::getline(in, line);) {
-    size_t at = line.find("my.app.wd.");
-    if (at != std::string::npos) out.push_back(line.substr(at));
+    if (line.find("my.app.wd.") != std::string::npos)
+      out.push_back(line.substr(line.find("my.app.wd.")));
   }
   return out;
 }
@@ -288,7 +284,9 @@ void FakeSyslog::SetPlan(const std::string& plan) {
   rename("/var/run/syslog-stub.plan.new", "/var/run/syslog-stub.plan");
 }
 
-void FakeSyslog::SetPid(int pid) { WriteFile("/var/run/syslog-ng.pid", std::to_string(pid) + "\n"); }
+void FakeSyslog::SetPid(int pid) {
+  WriteFile("/var/run/syslog-ng.pid", std::to_string(pid) + "\n");
+}
 
 std::vector<std::string> FakeSyslog::Received() {
   std::vector<std::string> out;

@@ -1,7 +1,5 @@
-// Test harness for integration tests. Each test runs inside its own
-// throw-away gateway (gateway/gw-run), where the installed daemon is
-// /opt/watchdogd/sbin/watchdogd. Tests drive the daemon only from outside:
-// the command socket, the tools, channel paths, the console and its files.
+// Test harness for integration tests: each test runs in a throw-away gateway
+// (gateway/gw-run) and drives the installed daemon only from outside.
 #ifndef WATCHDOGD_TESTS_INTEGRATION_GATEWAY_H
 #define WATCHDOGD_TESTS_INTEGRATION_GATEWAY_H
 
@@ -23,13 +21,12 @@
 
 namespace gw {
 
-// Programs built for another target (the gateway's MIPS) run through
-// WD_EMULATOR (qemu-mips -L ...), in the byte order WD_TARGET_ENDIAN ("big").
-std::string Installed(const std::string& program);  // command line of a tool
-uint32_t FromTarget(uint32_t raw);                  // a 32-bit field the target wrote
+// Programs of another target (MIPS) run through WD_EMULATOR, in the byte order
+// WD_TARGET_ENDIAN: the command line of a tool, a 32-bit field it wrote.
+std::string Installed(const std::string& program);
+uint32_t FromTarget(uint32_t raw);
 
-// The daemon as a child process, its standard error captured in a file, run
-// under libfaketime `speed` times faster than real time (1: real time).
+// The daemon as a child process, under libfaketime `speed` times faster.
 class Daemon {
  public:
   int speed = 100;
@@ -91,8 +88,7 @@ class ChannelTap {
   int fd_;
 };
 
-// Scheduling policy (SCHED_OTHER 0, SCHED_RR 2, ...) of each thread of `pid`.
-std::vector<int> ThreadPolicies(pid_t pid);
+std::vector<int> ThreadPolicies(pid_t pid);  // SCHED_OTHER 0, SCHED_RR 2 per thread
 
 // The gateway's real syslog-ng (gateway/syslog-start).
 bool StartSyslogNg(bool keepConfig = false);
@@ -100,14 +96,12 @@ void StopSyslogNg();  // SIGKILL, as a crash would
 int SyslogNgPid();    // from /var/run/syslog-ng.pid; 0 when none
 std::vector<std::string> ReportLines(const std::string& file = "/var/log/messages");
 
-// The gateway's scriptable stand-in for syslog-ng (gateway/syslog_stub.cpp):
-// it answers each line datagram as its plan says, a letter per datagram (S
-// success, F failure, N no answer; the last letter stays), and writes `pid`
-// as syslog-ng's.
+// The gateway's syslog-stub: answers each datagram as `plan` says (S success,
+// F failure, N nothing; the last letter stays), and writes `pid` as syslog-ng's.
 class FakeSyslog {
  public:
   explicit FakeSyslog(const std::string& plan = "S", int pid = 4242);
-  ~FakeSyslog();  // SIGKILL: its socket file stays, as after a crash
+  ~FakeSyslog();                          // SIGKILL: its socket file stays, as after a crash
   void SetPlan(const std::string& plan);  // counting starts anew
   void SetPid(int pid);
   std::vector<std::string> Received();  // "SIZE TEXT" per datagram
@@ -117,8 +111,7 @@ class FakeSyslog {
   pid_t pid_;
 };
 
-// Sends this process's standard error (the debug console of an in-process
-// relay) to a file that can be read at any time.
+// This process's standard error (an in-process relay's console) into a file.
 class StderrFile {
  public:
   StderrFile();

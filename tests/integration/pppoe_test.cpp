@@ -36,6 +36,12 @@ class PppoeLink : public ::testing::Test {
     ASSERT_TRUE(gw::WaitUntil(
         [&] { return Count(daemon_.Stderr(), "ppp_config.PingIP=") >= configs_; }, 60000));
   }
+  // Sets "Watchdog_PPP" `attr`, makes the module read it, runs a cycle.
+  void CycleWith(const char* attr, const std::string& value) {
+    SetConfig("Watchdog_PPP", attr, value);
+    Barrier();
+    Cycle();
+  }
   // Runs one check cycle and waits for its end.
   void Cycle() {
     wdMsg expired = gw::Event(TIMER_EXPIRED, MOD_PPPOE);
@@ -61,11 +67,6 @@ class PppoeLink : public ::testing::Test {
   static int Redials() {
     return static_cast<int>(Count(gw::ReadFile("/var/log/wan-redial.log"), "\n"));
   }
-  // Waits for the re-dial to be over: the link up and its default route back.
-  static void WaitRedialed() {
-    ASSERT_TRUE(gw::WaitUntil(
-        [] { return gw::Run("ip route show default").output.find("dev ppp0") != std::string::npos; }));
-  }
 
   gw::Daemon daemon_;
   size_t configs_ = 0;
@@ -87,10 +88,13 @@ TEST_F(PppoeLink, LinkDownIsCountedThenResetThenOnlyReportedUntilTheDailyClear) 
     alarmsAfterCycle.push_back(Alarms().size());
   }
   EXPECT_EQ(alarmsAfterCycle, (std::vector<size_t>{0, 0, 0, 1, 1, 1, 1, 2}));
-  const std::string state = "|UP BROADCAST RUNNING MULTICAST  MTU:1500  Metric:1|203.0.113.2|" + ipv6;
-  EXPECT_EQ(Alarms(), (std::vector<std::string>{"PPP_DOWN_RESET" + state, "PPP_DOWN_NO_RESET" + state}));
+  const std::string state =
+      "|UP BROADCAST RUNNING MULTICAST  MTU:1500  Metric:1|203.0.113.2|" + ipv6;
+  EXPECT_EQ(Alarms(),
+            (std::vector<std::string>{"PPP_DOWN_RESET" + state, "PPP_DOWN_NO_RESET" + state}));
   EXPECT_EQ(Redials(), 1) << "MaxReset 1: one reset a day";
-  EXPECT_TRUE(gw::WaitUntil([] { return gw::ReportLines().size() == 2; })) << "both reach syslog-ng";
+  EXPECT_TRUE(gw::WaitUntil([] { return gw::ReportLines().size() == 2; }))
+      << "both reach syslog-ng";
   EXPECT_NE(gw::ReportLines()[1].find("|PPP_DOWN_NO_RESET" + state), std::string::npos);
   wdMsg daily = gw::Event(PPP_TIMER_EXPIRED, MOD_PPPOE);
   ASSERT_TRUE(gw::SendToChannel("/var/wd_pppoe.chanl", &daily, sizeof daily));
@@ -99,16 +103,7 @@ TEST_F(PppoeLink, LinkDownIsCountedThenResetThenOnlyReportedUntilTheDailyClear) 
   EXPECT_EQ(Redials(), 2);
 }
 
-TEST_F(PppoeLink, PrivateAddressAtEveryCycle) {
-  Start();
-  ASSERT_EQ(gw::Run("ip addr flush dev ppp0 scope global && ip addr add 192.168.1.10/24 dev ppp0").status, 0);
-  Cycle();
-  Cycle();
-  ASSERT_EQ(Kinds(), "PRIV_IP PRIV_IP ");
-  EXPECT_EQ(Alarms()[0].find("PRIV_IP|UP BROADCAST RUNNING MULTICAST  MTU:1500  Metric:1|192.168.1.10|"), 0u);
-}
-
-TEST_F(PppoeLink, LostPingTargetResetsAndRecoveryIsReportedOnce) {
+TEST_F(PppoeLink, LostPingTargetResetsRecoveryIsReportedOncePrivateAddressesAlways) {
   SetConfig("Watchdog_PPP", "PingIP", "198.51.100.1");
   SetConfig("Watchdog_PPP", "LookupDomain", "wan.test");
   SetConfig("Watchdog_PPP", "MaxReset", "1");
@@ -127,11 +122,23 @@ TEST_F(PppoeLink, LostPingTargetResetsAndRecoveryIsReportedOnce) {
   Cycle();
   EXPECT_EQ(Kinds(), "PING_FAILURE_RESET ");
   EXPECT_EQ(Redials(), 1);
-  WaitRedialed();
+  ASSERT_TRUE(gw::WaitUntil([] {  // the re-dial is over: the default route is back
+    return gw::Run("ip route show default").output.find("dev ppp0") != std::string::npos;
+  }));
   ASSERT_EQ(gw::Run("/gw/sim/wan-link isp ip addr add 198.51.100.1/32 dev lo").status, 0);
   Cycle();
   Cycle();
   EXPECT_EQ(Kinds(), "PING_FAILURE_RESET CEASE_CONN_OK ");
+  // A private address is reported at every cycle, before any ping.
+  ASSERT_EQ(
+      gw::Run("ip addr flush dev ppp0 scope global && ip addr add 192.168.1.10/24 dev ppp0").status,
+      0);
+  Cycle();
+  Cycle();
+  EXPECT_EQ(Kinds(), "PING_FAILURE_RESET CEASE_CONN_OK PRIV_IP PRIV_IP ");
+  EXPECT_EQ(
+      Alarms()[2].find("PRIV_IP|UP BROADCAST RUNNING MULTICAST  MTU:1500  Metric:1|192.168.1.10|"),
+      0u);
 }
 
 TEST_F(PppoeLink, StoppedDnsServerIsReportedAndItsReturnCeases) {
@@ -156,31 +163,22 @@ TEST_F(PppoeLink, ValuesAreArgumentsNeverShellText) {
   // Words a tool would take as options, or blanks only: nothing runs, and
   // the link is not blamed for it.
   for (const char* value : {"-f 203.0.113.1", "   "}) {
-    SetConfig("Watchdog_PPP", "PingIP", value);
-    Barrier();
-    Cycle();
-    EXPECT_EQ(Count(daemon_.Stderr(), std::string("PingIP ") + value +
-                                          " is not a host name or address, not run\n"),
+    CycleWith("PingIP", value);
+    EXPECT_EQ(Count(daemon_.Stderr(),
+                    std::string("PingIP ") + value + " is not a host name or address, not run\n"),
               1u);
   }
   SetConfig("Watchdog_PPP", "PingIP", "0.0.0.0");
-  SetConfig("Watchdog_PPP", "LookupDomain", "-type=mx wan.test");
-  Barrier();
-  Cycle();
+  CycleWith("LookupDomain", "-type=mx wan.test");
   EXPECT_NE(daemon_.Stderr().find("LookupDomain -type=mx wan.test is not a host name or address"),
             std::string::npos);
   EXPECT_EQ(Kinds(), "");
   // Shell text is only a name that does not resolve.
-  SetConfig("Watchdog_PPP", "LookupDomain", "wan.test;touch /tmp/x");
-  Barrier();
-  Cycle();
+  CycleWith("LookupDomain", "wan.test;touch /tmp/x");
   EXPECT_EQ(Kinds(), "DNS_FAILURE_NO_RESET ");
   EXPECT_FALSE(gw::Exists("/tmp/x"));
   // A legal name far longer than any shell line of old resolves.
-  SetConfig("Watchdog_PPP", "LookupDomain",
-            std::string(63, 'a') + "." + std::string(63, 'b') + ".wan.test");
-  Barrier();
-  Cycle();
+  CycleWith("LookupDomain", std::string(63, 'a') + "." + std::string(63, 'b') + ".wan.test");
   EXPECT_EQ(Kinds(), "DNS_FAILURE_NO_RESET CEASE_CONN_OK ");
   EXPECT_EQ(Redials(), 0);
 }

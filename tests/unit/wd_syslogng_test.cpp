@@ -115,7 +115,8 @@ TEST_F(SyslogNgTest, GeneratedConfigurations) {
                                         " template(t_demo_filetemplate));\n};";
     EXPECT_EQ(Appended(), destination + kLog);
     if (std::string(c.protocol) != "SCTP") {
-      EXPECT_EQ(system("syslog-ng --syntax-only -f /var/syslog-ng.conf"), 0) << "syslog-ng takes it";
+      EXPECT_EQ(system("syslog-ng --syntax-only -f /var/syslog-ng.conf"), 0)
+          << "syslog-ng takes it";
     }
   }
 }

@@ -22,9 +22,11 @@ TEST(Wdfunc, CommandsArriveWholeOrAsAPositiveResult) {
     std::vector<unsigned char> bytes;
     int result;
   } cases[] = {
-      {Command(92, 92), 0},          {{}, WDMSG_SHORT_HEADER},
+      {Command(92, 92), 0},
+      {{}, WDMSG_SHORT_HEADER},
       {std::vector<unsigned char>(15), WDMSG_SHORT_HEADER},
-      {Command(8, 4), WDMSG_SHORT_DATA}, {Command(0xFFFFFFFFu, 8), WDMSG_SHORT_DATA},
+      {Command(8, 4), WDMSG_SHORT_DATA},
+      {Command(0xFFFFFFFFu, 8), WDMSG_SHORT_DATA},
       {Command(600, 600), WDMSG_SHORT_DATA},  // beyond the 500-byte buffer
       {Command(4, 8), 0},                     // extra bytes are ignored
   };
