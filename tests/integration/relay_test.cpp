@@ -87,8 +87,10 @@ TEST_F(RelayTest, AStoppedSyslogNgNeverStallsTheLinkAndIsRestarted) {
   for (int i = 0; i < 30; ++i) sent.push_back(Report(3, "queued " + std::to_string(i)));
   EXPECT_TRUE(Says("Watchdogd, sendto syslog-ng failed!!\n"))
       << "a full queue is a failed send, not a wait";
+  ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/syslogMem"), 0);  // never written through
   gw::WriteFile("/gw/syslog-ng.vsz", "9999");
   ASSERT_TRUE(Says("Restart syslog-ng process !\n")) << "the memory check still runs";
+  EXPECT_FALSE(gw::Exists("/tmp/elsewhere"));
   unlink("/gw/syslog-ng.vsz");
   ASSERT_TRUE(gw::WaitUntil([&] { return gw::SyslogNgPid() > 0 && gw::SyslogNgPid() != stopped; }));
   std::vector<int> policies = gw::ThreadPolicies(gw::SyslogNgPid());
@@ -129,6 +131,24 @@ TEST_F(RelayTest, ThreeFailuresSuspendProbesResumeAndTheSaveTimerWritesOnce) {
   EXPECT_EQ(Count(err_.Text(), "Watchdogd, syslog can be sent again, start to send!!\n"), 1u);
   EXPECT_EQ(dontSend.load(), 0);
   EXPECT_TRUE(gw::WaitUntil([] { return !gw::Exists("/data/syslogmsg"); }));
+}
+
+TEST_F(RelayTest, ProbeWithAnEmptyBufferSendsNothingAndKeepsProbing) {
+  FakeSyslog fake("F");
+  StartRelay();
+  Report(3, "a");
+  ASSERT_TRUE(gw::WaitUntil([] { return dontSend.load() == 1; }));
+  fake.SetPlan("N");
+  ASSERT_TRUE(gw::SendToChannel("/var/wdSyslogRx.chanl", "1#0#", 4));  // answered elsewhere
+  ASSERT_TRUE(Drained());
+  // A probe formatted before the answer may still go out; each later one is
+  // armed by the probe tick before it, so two more mean it has gone.
+  size_t probes = Count(err_.Text(), "type#10#");
+  ASSERT_TRUE(Says("type#10#", probes + 2));
+  size_t sent = fake.Received().size();
+  ASSERT_TRUE(Says("type#10#", probes + 5));
+  EXPECT_EQ(fake.Received().size(), sent) << "no datagram without a line";
+  EXPECT_EQ(dontSend.load(), 1);
 }
 
 TEST_F(RelayTest, FailureCountsAndAnswersForWhatIsNotThere) {
