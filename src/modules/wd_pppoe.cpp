@@ -136,7 +136,7 @@ std::vector<std::string> Words(const char* value) {
   return words;
 }
 
-// Runs a ping or lookup stage: the tool with `fixed` arguments and the words
+// Runs a ping or lookup stage: `argv` (the tool and its fixed arguments) and the words
 // of `value`, the wait, the output read back. A pass clears the kind's fail
 // counter, a failure escalates. Returns 1 when the stage passed, 0 when it
 // failed, -1 when it did not run or its output could not be read (no counter
