@@ -35,6 +35,13 @@ int tcapi_set(const char* node, const char* attr, const char* value);
 // or -1 when there was nothing to remove or the write failed.
 int tcapi_unset(const char* node, const char* attr);
 
+// Copies the value of `attr` of `node` into `buf` as tcapi_nget does and
+// removes the attribute, in one step under the writers' lock: for the
+// gateway's processes that consume requests left in the tree (a query is
+// taken once, and a request written meanwhile is never lost). Returns 0, or -1
+// when there was no such attribute (nothing is written then).
+int tcapi_take(const char* node, const char* attr, char* buf, size_t size);
+
 // Announces a change of `node`: runs the executable hook TCAPI_HOOK_DIR/<node>,
 // when there is one, with the node name as its argument and waits for it.
 // Returns 0 when there is no hook or it exited with 0, -1 otherwise.

@@ -227,6 +227,25 @@ extern "C" int tcapi_unset(const char* node, const char* attr) {
   return WriteTree(tree) ? 0 : -1;
 }
 
+extern "C" int tcapi_take(const char* node, const char* attr, char* buf, size_t size) {
+  if (buf == nullptr || size == 0) return -1;
+  buf[0] = '\0';
+  if (!ValidName(node) || !ValidName(attr)) return -1;
+  TreeLock lock;
+  if (!lock.held()) return -1;
+  std::vector<Node> tree = ReadTree();
+  Node* found = FindNode(tree, node);
+  if (found == nullptr) return -1;
+  auto& attrs = found->attrs;
+  for (size_t i = 0; i < attrs.size(); ++i) {
+    if (attrs[i].first != attr) continue;
+    snprintf(buf, size, "%s", attrs[i].second.c_str());
+    attrs.erase(attrs.begin() + static_cast<long>(i));
+    return WriteTree(tree) ? 0 : -1;
+  }
+  return -1;
+}
+
 extern "C" int tcapi_commit(const char* node) {
   if (!ValidName(node)) return -1;
   std::string hook = std::string(TCAPI_HOOK_DIR) + "/" + node;

@@ -27,6 +27,10 @@ TEST(Tcapi, ReadsWritesCutsAndRefusesBadNames) {
     EXPECT_NE(tcapi_set(name, "A", "1"), 0) << name;
     EXPECT_NE(tcapi_set("N", name, "1"), 0) << name;
   }
+  EXPECT_EQ(tcapi_take("Watchdog_PPP", "Timer", buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "60");
+  EXPECT_NE(tcapi_take("Watchdog_PPP", "Timer", buf, sizeof buf), 0) << "taken once";
+  EXPECT_STREQ(buf, "");
   std::ofstream(TCAPI_TREE_PATH) << "garbage line\nA=orphan\n[]\n[Node]\nnoequals\nB=2\n=3\n";
   EXPECT_EQ(tcapi_get("Node", "B", buf), 0) << "a damaged tree still reads what makes sense";
   EXPECT_STREQ(buf, "2");
