@@ -12,17 +12,18 @@
 
 extern char** environ;
 
-int wd_run(const char* const argv[], int outFd, int errFd) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (outFd >= 0) posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
-  if (errFd >= 0) posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
+namespace {
+
+// Starts argv with the clean slate every program of the daemon gets; with
+// `ownGroup` in a process group of its own, so that it and whatever it starts
+// can be stopped together. Returns posix_spawnp's result.
+int Spawn(const char* const argv[], posix_spawn_file_actions_t* actions, bool ownGroup,
+          pid_t* pid) {
 #if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 34)
   // The daemon's own descriptors are close-on-exec already; this also covers
   // any a library opened without it.
-  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+  posix_spawn_file_actions_addclosefrom_np(actions, STDERR_FILENO + 1);
 #endif
-
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
   sigset_t none, all;
@@ -34,14 +35,51 @@ int wd_run(const char* const argv[], int outFd, int errFd) {
   param.sched_priority = 0;
   posix_spawnattr_setschedpolicy(&attr, SCHED_OTHER);
   posix_spawnattr_setschedparam(&attr, &param);
-  posix_spawnattr_setflags(
-      &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSCHEDULER);
-
-  pid_t pid;
-  int rc = posix_spawnp(&pid, argv[0], &actions, &attr, const_cast<char* const*>(argv), environ);
+  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSCHEDULER;
+  if (ownGroup) {
+    flags |= POSIX_SPAWN_SETPGROUP;
+    posix_spawnattr_setpgroup(&attr, 0);
+  }
+  posix_spawnattr_setflags(&attr, flags);
+  int rc = posix_spawnp(pid, argv[0], actions, &attr, const_cast<char* const*>(argv), environ);
   posix_spawnattr_destroy(&attr);
+  return rc;
+}
+
+}  // namespace
+
+int wd_run(const char* const argv[], int outFd, int errFd) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (outFd >= 0) posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
+  if (errFd >= 0) posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
+  pid_t pid;
+  int rc = Spawn(argv, &actions, false, &pid);
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) return -1;
+  return wd_reap(pid, 0);
+}
+
+int wd_runShellPipe(const char* command, pid_t* pid) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return -1;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+  const char* argv[] = {"/bin/sh", "-c", command, nullptr};
+  int rc = Spawn(argv, &actions, true, pid);
+  posix_spawn_file_actions_destroy(&actions);
+  close(fds[1]);
+  if (rc != 0) {
+    close(fds[0]);
+    return -1;
+  }
+  return fds[0];
+}
+
+int wd_reap(pid_t pid, int killGroup) {
+  if (killGroup) kill(-pid, SIGKILL);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return -1;

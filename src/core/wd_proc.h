@@ -8,6 +8,8 @@
 #ifndef WATCHDOGD_CORE_WD_PROC_H
 #define WATCHDOGD_CORE_WD_PROC_H
 
+#include <sys/types.h>
+
 // Runs `argv[0]` (looked up in PATH) with `argv` (null-terminated) and waits
 // for its end. `outFd` and `errFd`, when 0 or more, become its standard
 // output and standard error; otherwise it shares the daemon's. Returns the
@@ -16,6 +18,15 @@ int wd_run(const char* const argv[], int outFd, int errFd);
 
 // Runs `command` with "/bin/sh -c", as system() does, through wd_run.
 int wd_runShell(const char* command, int outFd);
+
+// Starts "/bin/sh -c command" like wd_run, without waiting, in a process
+// group of its own (the shell's pid is the group's id), with /dev/null as
+// standard input and a pipe as standard output. Returns the pipe's reading
+// end (close-on-exec) and stores the pid, or -1 when it could not start.
+int wd_runShellPipe(const char* command, pid_t* pid);
+// Waits for the child `pid`; with `killGroup` first kills its whole process
+// group (SIGKILL). Returns the wait status, or -1.
+int wd_reap(pid_t pid, int killGroup);
 
 // Removes whatever stands at `path` and creates the file anew: exclusively,
 // never through a symbolic link, mode 0600, open for reading and writing.
