@@ -189,6 +189,14 @@ uint32_t wd_updateModTimer(uint8_t modId) {
   return wd_parseUnsigned(value);
 }
 
+uint32_t wd_parseSetting(const char* node, const char* attr, const char* text) {
+  uint32_t value = wd_parseUnsigned(text);
+  if (text[strspn(text, "0123456789")] != '\0') {
+    tcdbg_printf("%s %s \"%s\" is not a number, read as %u\n", node, attr, text, value);
+  }
+  return value;
+}
+
 void wd_threadExit(uint8_t modId, int periodicTimerId, wdChanl* ch) {
   if (periodicTimerId != 0) wd_timerPStop(periodicTimerId);
   EndModule(modId, ch);

@@ -22,6 +22,10 @@ int wd_creatModThreads(void);
 int wd_startModThread(int modId);
 // The module's configured period in seconds (0 for none); only reads.
 uint32_t wd_updateModTimer(uint8_t modId);
+// A number read from the configuration (`text` of `attr` of `node`): its
+// leading decimal digits, as wd_parseUnsigned reads them. A text that is not
+// entirely digits is reported on the debug console with what it is read as.
+uint32_t wd_parseSetting(const char* node, const char* attr, const char* text);
 // End the calling module thread: stop its periodic (wd_threadExit) or one-shot
 // (wd_pppthreadExit) timer when `timerId` is not 0, clear what of the
 // module's entry is still this thread's own, close its channel `ch` (null

@@ -1,7 +1,10 @@
 // The module definitions: each module's channel path and thread body.
 #include "wd_modules.h"
 
+#include "wd_general.h"
 #include "wd_pppoe.h"
+#include "wd_voipregister.h"
+#include "wd_voipstats.h"
 
 const wdModDef kModDefs[MOD_MSG_RESEND] = {
     {"/var/wd_default.chanl", nullptr},
@@ -10,10 +13,10 @@ const wdModDef kModDefs[MOD_MSG_RESEND] = {
     {"/var/wd_arp.chanl", mod_placeholderHandler<MOD_ARP>},
     {"/var/wd_ip_route.chanl", mod_placeholderHandler<MOD_IP_ROUTE>},
     {"/var/wd_periodic_info.chanl", mod_placeholderHandler<MOD_PERIODIC_INFO>},
-    {"/var/wd_igmp.chanl", mod_placeholderHandler<MOD_IGMP>},
-    {"/var/wd_voip_stats.chanl", mod_placeholderHandler<MOD_VOIP_STATS>},
-    {"/var/wd_voip_register.chanl", mod_placeholderHandler<MOD_VOIP_REGISTER>},
-    {"/var/wd_general.chanl", mod_placeholderHandler<MOD_GENERAL>},
+    {"/var/wd_igmp.chanl", mod_igmpHandler},
+    {"/var/wd_voip_stats.chanl", mod_voipStatsHandler},
+    {"/var/wd_voip_register.chanl", mod_voipRegisterHandler},
+    {"/var/wd_general.chanl", mod_generalHandler},
     {"/var/wd_monitor.chanl", mod_placeholderHandler<MOD_MONITOR>},
     {"/var/wd_smple.chanl", mod_sampleHandler},
 };

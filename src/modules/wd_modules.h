@@ -16,6 +16,9 @@ extern const wdModDef kModDefs[MOD_MSG_RESEND];
 // MOD_SAMPLE: traces every event it receives; runs until the process ends.
 void* mod_sampleHandler(void* arg);
 
+// MOD_IGMP: keeps its configured periodic timer and traces its expiries.
+void* mod_igmpHandler(void* arg);
+
 // Stand-in body for a module whose own work is not built yet: the common
 // module loop with the configured periodic timer, ending on THREAD_EXIT and
 // dropping every other event.

@@ -79,6 +79,14 @@ class ScopedBuffer {
     while (list.head != nullptr) bufNodeDel(&list, list.head, nullptr);
   }
 
+  // The lines in the buffer, head first.
+  std::vector<std::string> Lines() {
+    wdLock lock(&bufMutex);
+    std::vector<std::string> out;
+    for (wdBufNode* n = list.head; n != nullptr; n = n->next) out.push_back(n->obj->msg);
+    return out;
+  }
+
   wdBufList list;
 };
 

@@ -1,0 +1,156 @@
+// The general command module. Its thread reads "ShellCommand" of
+// "Watchdog_Common" on every CONFIG_CHANGE and runs it when it is new: not
+// empty and not the command it ran last (an empty value forgets that, so the
+// same command set again runs again). The command text comes only from the
+// configuration tree, which only the gateway's root processes can write.
+#include "wd_general.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "tcapi.h"
+#include "wd_base.h"
+#include "wd_modthread.h"
+#include "wd_modules.h"
+#include "wd_proc.h"
+#include "wd_syslog.h"
+
+const char* const noPermissionTable[] = {nullptr};
+
+namespace {
+
+constexpr const char* kHandler = "mod_generalHandler";
+constexpr size_t kCommandSize = 544;
+
+const wdModLoopText kText = {
+    kHandler,
+    {"Select error, ret=%d\r\n", WD_SAY_CONSOLE},
+    {nullptr, WD_SAY_NOTHING},
+    {"File discriptor is no in fd set!\r\n", WD_SAY_CONSOLE},
+    {"[mod_generalHandler] malloc fail", WD_SAY_TRACE},
+    {"Receieved 0 bytes!", WD_SAY_TRACE},
+};
+
+int64_t NowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// The output of one run, cut into the pieces a 512-byte line read gives:
+// up to and including a line end, or 511 characters.
+class Lines {
+ public:
+  explicit Lines(const char* command) : command_(command) {}
+  void Add(const char* bytes, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      piece_[len_++] = bytes[i];
+      if (bytes[i] == '\n' || len_ == sizeof piece_ - 1) Flush();
+    }
+  }
+  void Flush() {
+    if (len_ == 0) return;
+    piece_[len_] = '\0';
+    len_ = 0;
+    size_t n = strlen(piece_);
+    if (n > 0) piece_[n - 1] = '\0';
+    char report[1024];
+    snprintf(report, sizeof report, "%s|%d| %s", command_, number_++,
+             piece_ + strspn(piece_, " \t\r\n"));
+    wd_syslogStr(5, report);
+  }
+
+ private:
+  const char* command_;
+  int number_ = 1;
+  char piece_[512];
+  size_t len_ = 0;
+};
+
+// Waits for the shell to end once its output has; stops it at the deadline.
+bool EndsBy(pid_t pid, int64_t deadline) {
+  for (;;) {
+    int status;
+    pid_t rc = waitpid(pid, &status, WNOHANG);
+    if (rc == pid || (rc < 0 && errno != EINTR)) return true;
+    if (NowMs() >= deadline) return false;
+    usleep(10000);
+  }
+}
+
+wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
+  char* lastRun = static_cast<char*>(ctx);
+  if (msg->eventType == THREAD_EXIT) return WD_LOOP_EXIT;
+  if (msg->eventType != CONFIG_CHANGE) return WD_LOOP_CONTINUE;
+  char command[kCommandSize];
+  memset(command, 0, sizeof command);
+  if (tcapi_get("Watchdog_Common", "ShellCommand", command) != 0) return WD_LOOP_CONTINUE;
+  if (command[0] == '\0') {
+    lastRun[0] = '\0';
+    WD_TRACE_AS(kHandler, "ShellCommand is empty");
+  } else if (strlen(command) == kCommandSize - 1) {
+    tcdbg_printf("ShellCommand of %zu characters or more may be cut, not run\n", kCommandSize - 1);
+  } else if (strcmp(command, lastRun) == 0) {
+    WD_TRACE_AS(kHandler, "ShellCommand \"%s\" has run already", command);
+  } else if (isPermission(command) != 0) {
+    tcdbg_printf("ShellCommand \"%s\" is not permitted\n", command);
+  } else {
+    memcpy(lastRun, command, kCommandSize);
+    executeShellCommand(command);
+  }
+  return WD_LOOP_CONTINUE;
+}
+
+}  // namespace
+
+int isPermission(const char* command) {
+  for (const char* const* entry = noPermissionTable; *entry != nullptr; ++entry) {
+    if (strncmp(command, *entry, strlen(*entry)) == 0) return 1;
+  }
+  return 0;
+}
+
+void executeShellCommand(const char* command) { mod_generalRun(command, WD_SHELL_TIME_LIMIT); }
+
+void mod_generalRun(const char* command, int limitSeconds) {
+  pid_t pid;
+  int fd = wd_runShellPipe(command, &pid);
+  if (fd < 0) return;
+  int64_t deadline = NowMs() + static_cast<int64_t>(limitSeconds) * 1000;
+  Lines lines(command);
+  bool ended = false;
+  for (;;) {
+    int64_t left = deadline - NowMs();
+    pollfd p = {fd, POLLIN, 0};
+    int rc = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
+    if (rc < 0 && errno == EINTR) continue;
+    if (rc <= 0) break;
+    char chunk[512];
+    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      ended = true;
+      break;
+    }
+    lines.Add(chunk, static_cast<size_t>(n));
+  }
+  close(fd);
+  lines.Flush();
+  if (ended && EndsBy(pid, deadline)) return;
+  tcdbg_printf("executeShellCommand: \"%s\" still running after %d s, stopped\n", command,
+               limitSeconds);
+  wd_reap(pid, 1);
+}
+
+void* mod_generalHandler(void*) {
+  wdChanl ch;
+  if (wd_chanlOpen(MOD_GENERAL, &ch) < 0) wd_threadExit(MOD_GENERAL, 0, nullptr);
+  char lastRun[kCommandSize] = {0};
+  wd_modLoop(&ch, kText, OnEvent, lastRun);
+  wd_threadExit(MOD_GENERAL, 0, &ch);
+}

@@ -1,0 +1,29 @@
+// The VoIP registration module (MOD_VOIP_REGISTER): asks the voice
+// application for its SIP registration state on a timer and reports a failed
+// or improperly configured registration in category voipreg.
+//
+// Everything here belongs to the module thread alone; nothing is locked.
+#ifndef WATCHDOGD_MODULES_WD_VOIPREGISTER_H
+#define WATCHDOGD_MODULES_WD_VOIPREGISTER_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+// The registration record the voice application sends, in the device's own
+// byte order.
+typedef struct VoipRegisterReply {
+  int32_t RegisterSIPCounter;
+  int32_t RegisterSIPStatus;  // 0 registered, 1 failure, 2 improper configuration
+} VoipRegisterReply;
+
+#ifdef __cplusplus
+static_assert(sizeof(VoipRegisterReply) == 8, "VoipRegisterReply is 8 bytes");
+#endif
+
+// The alarm prefix for a status while the improper-configuration switch is
+// `improperConf`; null for status 0, which is not reported.
+const char* mod_voipRegisterPrefix(uint8_t improperConf, int32_t status);
+// Thread body of MOD_VOIP_REGISTER.
+void* mod_voipRegisterHandler(void* arg);
+
+#endif  // WATCHDOGD_MODULES_WD_VOIPREGISTER_H
