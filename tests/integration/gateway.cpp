@@ -288,6 +288,37 @@ void FakeSyslog::SetPid(int pid) {
   WriteFile("/var/run/syslog-ng.pid", std::to_string(pid) + "\n");
 }
 
+VoiceApp::VoiceApp() {
+  unlink("/var/log/voiceApp");
+  pid_ = fork();
+  if (pid_ == 0) {
+    execl("/gw/peers/voiceApp", "voiceApp", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  if (!WaitFor("started")) ADD_FAILURE() << "harness: /gw/peers/voiceApp did not start";
+}
+
+VoiceApp::~VoiceApp() {
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+}
+
+void VoiceApp::Ctl(const std::string& command) {
+  RunResult r = Run("/gw/peers/voiceApp ctl " + command);
+  EXPECT_EQ(r.status, 0) << r.output;
+}
+
+std::vector<std::string> VoiceApp::Log() {
+  std::vector<std::string> out;
+  std::istringstream in(ReadFile("/var/log/voiceApp"));
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+bool VoiceApp::WaitFor(const std::string& needle, size_t n, int timeoutMs) {
+  return WaitUntil([&] { return Count(ReadFile("/var/log/voiceApp"), needle) >= n; }, timeoutMs);
+}
+
 std::vector<std::string> FakeSyslog::Received() {
   std::vector<std::string> out;
   std::istringstream in(ReadFile("/var/log/syslog-stub"));

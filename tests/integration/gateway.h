@@ -111,6 +111,21 @@ class FakeSyslog {
   pid_t pid_;
 };
 
+// The gateway's voice application (gateway/voice_app.cpp): answers the VoIP
+// modules' queries; its log /var/log/voiceApp has a line per event.
+class VoiceApp {
+ public:
+  VoiceApp();                            // started, and its control FIFO ready
+  ~VoiceApp();                           // SIGKILL
+  void Ctl(const std::string& command);  // a control command, e.g. "register 2"
+  std::vector<std::string> Log();
+  // Waits until at least `n` log lines contain `needle`.
+  bool WaitFor(const std::string& needle, size_t n = 1, int timeoutMs = 10000);
+
+ private:
+  pid_t pid_;
+};
+
 // This process's standard error (an in-process relay's console) into a file.
 class StderrFile {
  public:
