@@ -22,11 +22,6 @@ const wdModLoopText kText = {
     {"Receieved 0 bytes!", WD_SAY_TRACE},
 };
 
-int StartPeriodic(uint32_t seconds) {
-  int id = wd_setDefaultPTimer(wd_periodMs(seconds), MOD_IGMP);
-  return id > 0 ? id : 0;
-}
-
 void OnConfigChange(int* timerId) {
   char text[16] = {0};
   if (tcapi_get("Watchdog_IGMP", "Period", text) != 0) {
@@ -38,7 +33,7 @@ void OnConfigChange(int* timerId) {
   if (text[0] != '\0' && strcmp(text, "0") != 0 && period != entry.timer) {
     if (*timerId != 0) wd_timerPStop(*timerId);
     entry.timer = period;
-    if (period != 0) *timerId = StartPeriodic(period);
+    if (period != 0) *timerId = wd_startModPTimer(MOD_IGMP, period);
     WD_TRACE_AS(kHandler, "Timer change, set new timer, %d", static_cast<int>(period));
   } else if (strcmp(text, "0") == 0) {
     entry.timer = 0;
@@ -73,7 +68,7 @@ void* mod_igmpHandler(void*) {
   if (wd_chanlOpen(MOD_IGMP, &ch) < 0) wd_threadExit(MOD_IGMP, 0, nullptr);
   wdSubModEntry& entry = gSubMod[MOD_IGMP];
   if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_IGMP);
-  int timerId = entry.timer != 0 ? StartPeriodic(entry.timer) : 0;
+  int timerId = entry.timer != 0 ? wd_startModPTimer(MOD_IGMP, entry.timer) : 0;
   wd_modLoop(&ch, kText, OnEvent, &timerId);
   wd_threadExit(MOD_IGMP, timerId, &ch);
 }

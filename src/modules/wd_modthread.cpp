@@ -189,6 +189,11 @@ uint32_t wd_updateModTimer(uint8_t modId) {
   return wd_parseUnsigned(value);
 }
 
+int wd_startModPTimer(uint8_t modId, uint32_t seconds) {
+  int id = wd_setDefaultPTimer(wd_periodMs(seconds), modId);
+  return id > 0 ? id : 0;
+}
+
 uint32_t wd_parseSetting(const char* node, const char* attr, const char* text) {
   uint32_t value = wd_parseUnsigned(text);
   if (text[strspn(text, "0123456789")] != '\0') {

@@ -22,6 +22,9 @@ int wd_creatModThreads(void);
 int wd_startModThread(int modId);
 // The module's configured period in seconds (0 for none); only reads.
 uint32_t wd_updateModTimer(uint8_t modId);
+// Starts the module's periodic TIMER_EXPIRED timer of `seconds`; its id, or 0
+// when it could not be started.
+int wd_startModPTimer(uint8_t modId, uint32_t seconds);
 // A number read from the configuration (`text` of `attr` of `node`): its
 // leading decimal digits, as wd_parseUnsigned reads them. A text that is not
 // entirely digits is reported on the debug console with what it is read as.

@@ -28,8 +28,7 @@ void* wd_placeholderBody(int modId) {
   wdSubModEntry& entry = gSubMod[modId];
   // Modules 1..8 have a period in the configuration; 9 and 10 have none.
   if (entry.timer == 0 && modId <= MOD_VOIP_REGISTER) entry.timer = wd_updateModTimer(id);
-  int timerId = entry.timer != 0 ? wd_setDefaultPTimer(wd_periodMs(entry.timer), modId) : 0;
-  if (timerId < 0) timerId = 0;
+  int timerId = entry.timer != 0 ? wd_startModPTimer(id, entry.timer) : 0;
   wd_modLoop(&ch, kText, OnMsg, nullptr);
   wd_threadExit(id, timerId, &ch);
 }

@@ -33,11 +33,6 @@ const wdModLoopText kText = {
     {"Receieved 0 bytes!", WD_SAY_TRACE},
 };
 
-int StartPeriodic(uint32_t seconds) {
-  int id = wd_setDefaultPTimer(wd_periodMs(seconds), MOD_VOIP_REGISTER);
-  return id > 0 ? id : 0;
-}
-
 void OnConfigChange(VoipRegister* r) {
   char timer[16] = {0};
   char improper[16] = {0};
@@ -51,7 +46,7 @@ void OnConfigChange(VoipRegister* r) {
   if (period != entry.timer) {
     wd_timerPStop(r->timerId);
     entry.timer = period;
-    r->timerId = period != 0 ? StartPeriodic(period) : 0;
+    r->timerId = period != 0 ? wd_startModPTimer(MOD_VOIP_REGISTER, period) : 0;
     WD_TRACE_AS(kHandler, "Timer change, set new timer, %ds", static_cast<int>(period));
   }
   r->improperConf = static_cast<uint8_t>(wd_parseSetting(kNode, "ImproperConfEnable", improper));
@@ -112,7 +107,7 @@ void* mod_voipRegisterHandler(void*) {
   wdSubModEntry& entry = gSubMod[MOD_VOIP_REGISTER];
   VoipRegister r = {};
   if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_VOIP_REGISTER);
-  if (entry.timer != 0) r.timerId = StartPeriodic(entry.timer);
+  if (entry.timer != 0) r.timerId = wd_startModPTimer(MOD_VOIP_REGISTER, entry.timer);
   wd_modLoop(&ch, kText, OnEvent, &r);
   wd_threadExit(MOD_VOIP_REGISTER, r.timerId, &ch);
 }

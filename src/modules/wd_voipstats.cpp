@@ -52,10 +52,6 @@ uint32_t Now() {
 // A timer id as kept: 0 when the timer could not be started.
 int Kept(int id) { return id > 0 ? id : 0; }
 
-int StartPeriodic(uint32_t seconds) {
-  return Kept(wd_setDefaultPTimer(wd_periodMs(seconds), MOD_VOIP_STATS));
-}
-
 void SendQuery(uint32_t wordData) {
   char text[200];
   snprintf(text, sizeof text, "%#x/%s", 4, "ppp0");
@@ -81,7 +77,7 @@ void OnConfigChange(VoipStats* s) {
       if (s->period != entry.timer) {
         if (s->timerId != 0) wd_timerPStop(s->timerId);
         entry.timer = s->period;
-        if (s->period != 0) s->timerId = StartPeriodic(s->period);
+        if (s->period != 0) s->timerId = wd_startModPTimer(MOD_VOIP_STATS, s->period);
         tcdbg_printf("Timer change, set new timer, %ds \n", static_cast<int>(s->period));
         s->intervalStart = Now();
       }
@@ -181,7 +177,7 @@ void* mod_voipStatsHandler(void*) {
   wdSubModEntry& entry = gSubMod[MOD_VOIP_STATS];
   VoipStats s = {};
   if (entry.timer != 0) {
-    s.timerId = StartPeriodic(entry.timer);
+    s.timerId = wd_startModPTimer(MOD_VOIP_STATS, entry.timer);
   } else {
     sleep(3);
     char mode[16] = {0};
@@ -197,7 +193,7 @@ void* mod_voipStatsHandler(void*) {
     } else if (s.mode == 2) {
       entry.timer = s.period;
     }
-    if (entry.timer != 0) s.timerId = StartPeriodic(entry.timer);
+    if (entry.timer != 0) s.timerId = wd_startModPTimer(MOD_VOIP_STATS, entry.timer);
   }
   // The first interval of modes 2 and 3 begins when the module starts.
   s.intervalStart = Now();
