@@ -104,4 +104,15 @@ TEST_F(ModThreadTest, ASecondStartLeavesTheFirstThreadWaitingOnItsOwnChannel) {
   debuglevel = 0;
 }
 
+TEST(ParseSetting, ATextThatIsNotANumberIsReadAsItsDigitsAndSaidSo) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(wd_parseSetting("Watchdog_VoIPStats", "Mode", "2"), 2u);
+  EXPECT_EQ(wd_parseSetting("Watchdog_VoIPStats", "Period", ""), 0u);
+  EXPECT_EQ(wd_parseSetting("Watchdog_VoIPStats", "Period", "60s"), 60u);
+  EXPECT_EQ(wd_parseSetting("Watchdog_VoIPStats", "Query", "-1"), 0u);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Watchdog_VoIPStats Period \"60s\" is not a number, read as 60\n"
+            "Watchdog_VoIPStats Query \"-1\" is not a number, read as 0\n");
+}
+
 }  // namespace
