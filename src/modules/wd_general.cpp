@@ -16,7 +16,6 @@
 #include "tcapi.h"
 #include "wd_base.h"
 #include "wd_modthread.h"
-#include "wd_modules.h"
 #include "wd_proc.h"
 #include "wd_syslog.h"
 

@@ -145,6 +145,7 @@ TEST_F(Services, VoipStatisticsInEachModeEndToEnd) {
   SetConfig("Watchdog_VoIPStats", "Mode", "1");
   Config(MOD_VOIP_STATS);
   ASSERT_TRUE(voice_.WaitFor("subscribed per-call"));
+  Settled();  // the mode-3 answers are all reported
   before = Reports("voipstat").size();
   voice_.Ctl("call in 3 alice@voip.test");
   ASSERT_TRUE(voice_.WaitFor("answer stats call"));
