@@ -1,8 +1,11 @@
 // The module definitions: each module's channel path and thread body.
 #include "wd_modules.h"
 
+#include "wd_arp.h"
 #include "wd_general.h"
+#include "wd_iproute.h"
 #include "wd_pppoe.h"
+#include "wd_status.h"
 #include "wd_voipregister.h"
 #include "wd_voipstats.h"
 
@@ -10,9 +13,9 @@ const wdModDef kModDefs[MOD_MSG_RESEND] = {
     {"/var/wd_default.chanl", nullptr},
     {"/var/wd_pppoe.chanl", mod_pppoeHandler},
     {"/var/wd_tr069.chanl", mod_placeholderHandler<MOD_TR069>},
-    {"/var/wd_arp.chanl", mod_placeholderHandler<MOD_ARP>},
-    {"/var/wd_ip_route.chanl", mod_placeholderHandler<MOD_IP_ROUTE>},
-    {"/var/wd_periodic_info.chanl", mod_placeholderHandler<MOD_PERIODIC_INFO>},
+    {"/var/wd_arp.chanl", mod_arpHandler},
+    {"/var/wd_ip_route.chanl", mod_ipRouteHandler},
+    {"/var/wd_periodic_info.chanl", mod_periodicInfoHandler},
     {"/var/wd_igmp.chanl", mod_igmpHandler},
     {"/var/wd_voip_stats.chanl", mod_voipStatsHandler},
     {"/var/wd_voip_register.chanl", mod_voipRegisterHandler},

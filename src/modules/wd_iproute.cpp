@@ -1,0 +1,213 @@
+// The IP route module and its monitor thread.
+#include "wd_iproute.h"
+
+#include <linux/rtnetlink.h>
+#include <poll.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "tcapi.h"
+#include "wd_base.h"
+#include "wd_lock.h"
+#include "wd_modthread.h"
+#include "wd_proc.h"
+#include "wd_syslog.h"
+#include "wd_timer.h"
+
+std::atomic<uint8_t> keepRunThread{0};
+pthread_mutex_t thread_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+constexpr const char* kNode = "Watchdog_Route";
+constexpr const char* kHandler = "mod_ipRouteHandler";
+
+struct IpRoute {
+  int timerId;        // the periodic report timer; 0 while none is armed
+  pthread_t monitor;  // the monitor thread, when `monitoring`
+  bool monitoring;
+};
+
+const wdModLoopText kText = {
+    kHandler,
+    {"Select error, ret=%d", WD_SAY_CONSOLE},
+    {nullptr, WD_SAY_NOTHING},
+    {"File discriptor is no in fd set!\r\n", WD_SAY_CONSOLE},
+    {"[USE CASE IPRoute] malloc fail", WD_SAY_TRACE},
+    {"Receieved 0 bytes!", WD_SAY_TRACE},
+};
+
+void SetKeepRunning(uint8_t value) { keepRunThread.store(value, std::memory_order_relaxed); }
+
+// Waits for the monitor thread to end, when there is one.
+void JoinMonitor(IpRoute* r) {
+  if (!r->monitoring) return;
+  pthread_join(r->monitor, nullptr);
+  r->monitoring = false;
+}
+
+void OnConfigChange(IpRoute* r) {
+  char mode[16] = {0};
+  char timer[16] = {0};
+  char query[16] = {0};
+  if (tcapi_get(kNode, "Mode", mode) != 0) {
+    WD_TRACE_AS(kHandler, "cmsObj get fail");
+    return;
+  }
+  tcapi_get(kNode, "Timer", timer);
+  tcapi_get(kNode, "Query", query);
+  bool periodic = strcmp(mode, "1") == 0;
+  bool monitored = strcmp(mode, "2") == 0;
+  {
+    wdLock lock(&thread_mutex);
+    if (monitored) {
+      SetKeepRunning(1);
+    } else {
+      SetKeepRunning(0);
+      JoinMonitor(r);
+    }
+  }
+  wdSubModEntry& entry = gSubMod[MOD_IP_ROUTE];
+  if (periodic) {
+    uint32_t period = wd_parseSetting(kNode, "Timer", timer);
+    if (period != entry.timer) {
+      if (r->timerId != 0) wd_timerPStop(r->timerId);
+      entry.timer = period;
+      r->timerId = period != 0 ? wd_startModPTimer(MOD_IP_ROUTE, period) : 0;
+    }
+  } else if (monitored) {
+    entry.timer = 0;
+    if (r->timerId != 0) wd_timerPStop(r->timerId);
+    r->timerId = 0;
+    if (!r->monitoring) {
+      if (pthread_create(&r->monitor, nullptr, monitorRouteTable, nullptr) == 0) {
+        r->monitoring = true;
+      } else {
+        tcdbg_printf("create monitorRouteTable thread error.\r\n");
+      }
+    }
+  }
+  if (strcmp(query, "1") == 0) {
+    parserRouteTable();
+    if (tcapi_set(kNode, "Query", "0") != 0)
+      tcdbg_printf("Could not set route object, ret=%d\r\n", 1);
+  }
+}
+
+wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
+  IpRoute* r = static_cast<IpRoute*>(ctx);
+  switch (msg->eventType) {
+    case TIMER_EXPIRED:
+      parserRouteTable();
+      break;
+    case CONFIG_CHANGE:
+      OnConfigChange(r);
+      break;
+    case THREAD_EXIT:
+      if (keepRunThread.load(std::memory_order_relaxed) == 1) {
+        wdLock lock(&thread_mutex);
+        SetKeepRunning(0);
+      }
+      JoinMonitor(r);
+      return WD_LOOP_EXIT;
+    default:
+      break;
+  }
+  return WD_LOOP_CONTINUE;
+}
+
+}  // namespace
+
+void mod_routeReport(FILE* route) {
+  char line[512];
+  // The title and the column header.
+  for (int i = 0; i < 2; ++i) {
+    if (fgets(line, sizeof line, route) == nullptr) return;
+  }
+  char c[8][16];
+  while (fgets(line, sizeof line, route) != nullptr) {
+    if (sscanf(line, "%15s %15s %15s %15s %15s %15s %15s %15s", c[0], c[1], c[2], c[3], c[4], c[5],
+               c[6], c[7]) != 8) {
+      break;
+    }
+    char text[256];
+    snprintf(text, sizeof text, "%s|%s|%s|%s|%s|%s|%s|%s", c[0], c[1], c[2], c[3], c[4], c[5], c[6],
+             c[7]);
+    if (wd_syslogStr(16, text) != 0) tcdbg_printf("Error: wd_syslogStr fail.");
+  }
+}
+
+void parserRouteTable(void) {
+  pid_t pid;
+  int fd = wd_runShellPipe("route", &pid);
+  if (fd < 0) return;
+  FILE* route = fdopen(fd, "r");
+  if (route == nullptr) {
+    close(fd);
+  } else {
+    mod_routeReport(route);
+    fclose(route);
+  }
+  // Whatever is left of the command once its table has been read is of no
+  // use: its whole group goes.
+  wd_reap(pid, 1);
+}
+
+int loop(int fd, struct sockaddr_nl* addr) {
+  (void)addr;
+  char buf[4095];
+  memset(buf, 0, sizeof buf);
+  if (keepRunThread.load(std::memory_order_relaxed) == 0) return 0;
+  ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+  if (n < static_cast<ssize_t>(sizeof(nlmsghdr))) return 0;
+  nlmsghdr header;
+  memcpy(&header, buf, sizeof header);
+  if (header.nlmsg_type == RTM_DELROUTE || header.nlmsg_type == RTM_NEWROUTE) parserRouteTable();
+  return 0;
+}
+
+void* monitorRouteTable(void*) {
+  int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+  if (fd < 0) tcdbg_printf("socket fail");
+  sockaddr_nl addr;
+  memset(&addr, 0, sizeof addr);
+  addr.nl_family = AF_NETLINK;
+  addr.nl_pid = 0;
+  addr.nl_groups = RTMGRP_IPV4_ROUTE;
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
+    tcdbg_printf("bind fail");
+  }
+  while (keepRunThread.load(std::memory_order_relaxed) == 1) {
+    // Each poll receives without waiting; between polls the thread sleeps on
+    // the socket for at most WD_ROUTE_POLL_MS, so it neither spins nor misses
+    // a stop for long. A socket that could not be made is never readable.
+    pollfd p = {fd, POLLIN, 0};
+    poll(&p, 1, WD_ROUTE_POLL_MS);
+    loop(fd, &addr);
+  }
+  if (fd >= 0) close(fd);
+  return nullptr;
+}
+
+int wd_initIpRoute(int* timerId) {
+  char mode[16] = {0};
+  if (tcapi_get(kNode, "Mode", mode) != 0) {
+    tcdbg_printf("\r\n wd_initIpRoute get route fail\r\n");
+    return -1;
+  }
+  if (strcmp(mode, "1") == 0) {
+    wdSubModEntry& entry = gSubMod[MOD_IP_ROUTE];
+    if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_IP_ROUTE);
+    if (entry.timer != 0) *timerId = wd_startModPTimer(MOD_IP_ROUTE, entry.timer);
+  }
+  return 0;
+}
+
+void* mod_ipRouteHandler(void*) {
+  wdChanl ch;
+  if (wd_chanlOpen(MOD_IP_ROUTE, &ch) < 0) wd_threadExit(MOD_IP_ROUTE, 0, nullptr);
+  IpRoute r = {};
+  wd_initIpRoute(&r.timerId);
+  wd_modLoop(&ch, kText, OnEvent, &r);
+  wd_threadExit(MOD_IP_ROUTE, r.timerId, &ch);
+}
