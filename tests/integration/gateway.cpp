@@ -260,6 +260,20 @@ std::vector<std::string> ReportLines(const std::string& file) {
   return out;
 }
 
+std::vector<std::string> Reports(const std::string& category) {
+  std::vector<std::string> out;
+  for (const std::string& line : ReportLines()) {
+    if (line.rfind("my.app.wd." + category + ".", 0) != 0) continue;
+    std::string text = line.substr(line.find(": ") + 2);
+    out.push_back(category == "voipstat" ? text : text.substr(text.find('|') + 1));
+  }
+  return out;
+}
+
+bool WaitReports(const std::string& category, size_t n, int timeoutMs) {
+  return WaitUntil([&] { return Reports(category).size() >= n; }, timeoutMs);
+}
+
 FakeSyslog::FakeSyslog(const std::string& plan, int pid) {
   unlink("/var/log/syslog-stub");
   unlink("/var/wdSyslogTx.chanl");

@@ -95,6 +95,11 @@ bool StartSyslogNg(bool keepConfig = false);
 void StopSyslogNg();  // SIGKILL, as a crash would
 int SyslogNgPid();    // from /var/run/syslog-ng.pid; 0 when none
 std::vector<std::string> ReportLines(const std::string& file = "/var/log/messages");
+// The report texts of `category` that syslog-ng wrote, without
+// "my.app.wd.CATEGORY.ID: " and the seconds (voipstat lines have none).
+std::vector<std::string> Reports(const std::string& category);
+// Waits until there are at least `n` of them.
+bool WaitReports(const std::string& category, size_t n, int timeoutMs = 20000);
 
 // The gateway's syslog-stub: answers each datagram as `plan` says (S success,
 // F failure, N nothing; the last letter stays), and writes `pid` as syslog-ng's.

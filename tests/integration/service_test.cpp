@@ -11,7 +11,9 @@
 #include "tcapi.h"
 
 using gw::Count;
+using gw::Reports;
 using gw::SetConfig;
+using gw::WaitReports;
 
 namespace {
 
@@ -21,22 +23,6 @@ std::vector<std::string> Split(const std::string& text, char sep) {
   std::istringstream in(text);
   while (std::getline(in, field, sep)) out.push_back(field);
   return out;
-}
-
-// The report texts of category `category` that syslog-ng wrote: without
-// "my.app.wd.CATEGORY.ID: " and the seconds (voipstat lines have none).
-std::vector<std::string> Reports(const std::string& category) {
-  std::vector<std::string> out;
-  for (const std::string& line : gw::ReportLines()) {
-    if (line.rfind("my.app.wd." + category + ".", 0) != 0) continue;
-    std::string text = line.substr(line.find(": ") + 2);
-    out.push_back(category == "voipstat" ? text : text.substr(text.find('|') + 1));
-  }
-  return out;
-}
-
-bool WaitReports(const std::string& category, size_t n) {
-  return gw::WaitUntil([&] { return Reports(category).size() >= n; }, 20000);
 }
 
 class Services : public ::testing::Test {

@@ -75,6 +75,7 @@ TEST_F(ModThreadTest, ConfiguredModulesStartWithTheirPeriods) {
   Set("Watchdog_TR069", "PITimer", "3");
   Set("Watchdog_ARP", "Timer", "20");
   Set("Watchdog_WDInfo", "Timer", "600");
+  Set("Watchdog_WDInfo", "Verbosity", "15");
   Set("Watchdog_Route", "Mode", "1");
   Set("Watchdog_Route", "Timer", "70");
   Set("Watchdog_VoIPStatus", "RegisterTimer", "15");

@@ -1,0 +1,223 @@
+// The ARP, IP route and periodic info modules in the running daemon (-d, 100
+// times faster) against the kernel's own tables of the gateway's network: the
+// LAN hosts behind br0, the WAN link on ppp0, nas1 and nas2, routes added and
+// deleted with ip, and the real syslog-ng taking the reports.
+#include <regex>
+
+#include "gateway.h"
+#include "tcapi.h"
+
+using gw::Reports;
+using gw::SetConfig;
+
+namespace {
+
+std::string Config(const char* node, const char* attr) {
+  char value[64] = {0};
+  tcapi_get(node, attr, value);
+  return value;
+}
+
+// The neighbour table's entries, "IP MAC DEVICE" each.
+std::vector<std::string> Neighbours() {
+  std::vector<std::string> out;
+  std::istringstream in(gw::ReadFile("/proc/net/arp"));
+  std::string line;
+  std::getline(in, line);
+  while (std::getline(in, line)) {
+    std::istringstream words(line);
+    std::string ip, type, flags, mac, mask, dev;
+    if (words >> ip >> type >> flags >> mac >> mask >> dev && flags != "0x0") {
+      out.push_back(ip + " " + mac + " " + dev);
+    }
+  }
+  return out;
+}
+
+void Ping(const std::string& host) {
+  ASSERT_EQ(gw::Run("ping -c 1 -W 5 " + host).status, 0) << host;
+}
+
+class NetTables : public ::testing::Test {
+ protected:
+  void SetUp() override { SetConfig("Watchdog_Common", "Enable", "1"); }
+  void Start() { ASSERT_TRUE(daemon_.Start({"-d"})); }
+  static void Change(uint16_t mod) {
+    ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_CONFIG_CHANGE, mod));
+  }
+  gw::Daemon daemon_;
+};
+
+TEST_F(NetTables, ArpQueryReportsTheKernelTableAndResetEmptiesIt) {
+  SetConfig("Watchdog_ARP", "Timer", "86400");  // no expiry during the test
+  Start();
+  Ping("192.168.1.100");
+  Ping("192.168.1.101");
+  Ping("203.0.113.1");
+  ASSERT_EQ(Neighbours().size(), 3u);
+
+  SetConfig("Watchdog_ARP", "Query", "1");
+  Change(MOD_ARP);
+  ASSERT_TRUE(gw::WaitReports("arp", 3));
+  std::vector<std::string> reports = Reports("arp");
+  std::sort(reports.begin(), reports.end());
+  // br0 has a global IPv6 address, ppp0 only a link-local one.
+  EXPECT_EQ(reports[0], "00:11:22:33:44:55|192.168.1.100|20010db8000100000000000000000001|br0|0x2");
+  EXPECT_EQ(reports[1], "00:11:22:33:44:66|192.168.1.101|20010db8000100000000000000000001|br0|0x2");
+  EXPECT_EQ(reports[2].substr(17), "|203.0.113.1||ppp0|0x2");
+  EXPECT_EQ(Config("Watchdog_ARP", "Query"), "0");
+
+  // A reset alone: the entries go from the kernel's table, nothing is
+  // reported, and both requests read "0".
+  SetConfig("Watchdog_ARP", "ResetTable", "1");
+  Change(MOD_ARP);
+  ASSERT_TRUE(gw::WaitUntil([] { return Neighbours().empty(); }));
+  ASSERT_TRUE(gw::WaitUntil([] { return Config("Watchdog_ARP", "ResetTable") == "0"; }));
+
+  // A reset and a query in one change: the report shows the table after the
+  // reset, here the one host that talked to the gateway since.
+  Ping("192.168.1.100");
+  SetConfig("Watchdog_ARP", "ResetTable", "1");
+  SetConfig("Watchdog_ARP", "Query", "1");
+  Change(MOD_ARP);
+  ASSERT_TRUE(gw::WaitUntil([] { return Config("Watchdog_ARP", "Query") == "0"; }));
+  ASSERT_TRUE(gw::WaitUntil([] { return Neighbours().empty(); }));
+  // "yes" and "01" are no requests: this change neither resets nor reports.
+  Ping("192.168.1.101");
+  SetConfig("Watchdog_ARP", "ResetTable", "yes");
+  SetConfig("Watchdog_ARP", "Query", "01");
+  Change(MOD_ARP);
+  SetConfig("Watchdog_ARP", "ResetTable", "0");
+  SetConfig("Watchdog_ARP", "Query", "1");
+  Change(MOD_ARP);
+  ASSERT_TRUE(gw::WaitReports("arp", 4));
+  ASSERT_TRUE(gw::WaitUntil([] { return Config("Watchdog_ARP", "Query") == "0"; }));
+  reports = Reports("arp");
+  EXPECT_EQ(reports.size(), 4u);
+  EXPECT_EQ(reports.back().substr(0, 31), "00:11:22:33:44:66|192.168.1.101");
+  EXPECT_EQ(Neighbours().size(), 1u);  // the last two changes reset nothing
+}
+
+// Full tables reported so far: each starts with the default route.
+size_t RouteTables(const std::string& contains = "") {
+  size_t n = 0;
+  std::string table;
+  for (const std::string& line : Reports("route")) {
+    if (line.rfind("default|", 0) == 0) {
+      n += !table.empty() && (contains.empty() || table.find(contains) != std::string::npos);
+      table.clear();
+    }
+    table += line + "\n";
+  }
+  return n + (!table.empty() && (contains.empty() || table.find(contains) != std::string::npos));
+}
+
+// The netlink socket of the route monitor, bound to the IPv4 route group.
+bool Monitoring() {
+  std::istringstream in(gw::ReadFile("/proc/net/netlink"));
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream words(line);
+    std::string sk, eth, pid, groups;
+    if (words >> sk >> eth >> pid >> groups && eth == "0" && groups == "00000040") return true;
+  }
+  return false;
+}
+
+TEST_F(NetTables, RouteModesSwitchBetweenTimerAndKernelNotices) {
+  SetConfig("Watchdog_Route", "Mode", "1");
+  SetConfig("Watchdog_Route", "Timer", "60");
+  // The general status every 60 s serves as a clock.
+  SetConfig("Watchdog_WDInfo", "Timer", "60");
+  SetConfig("Watchdog_WDInfo", "Verbosity", "1");
+  Start();
+  ASSERT_TRUE(gw::WaitUntil([] { return RouteTables() >= 2; }, 20000));
+  std::vector<std::string> reports = Reports("route");
+  reports.erase(std::find(reports.begin() + 1, reports.end(), reports[0]), reports.end());
+  EXPECT_EQ(reports, (std::vector<std::string>{"default|203.0.113.1|0.0.0.0|UG|0|0|0|ppp0",
+                                               "10.1.0.0|*|255.255.255.252|U|0|0|0|nas1",
+                                               "10.2.0.0|*|255.255.255.252|U|0|0|0|nas2",
+                                               "192.168.1.0|*|255.255.255.0|U|0|0|0|br0",
+                                               "203.0.113.0|*|255.255.255.0|U|0|0|0|ppp0"}));
+
+  // Mode 2: the periodic reports stop, and each route added or deleted
+  // reports the whole table. A query answers at once in any mode; the second
+  // one is a barrier: an expiry that was on its way has been handled.
+  SetConfig("Watchdog_Route", "Mode", "2");
+  SetConfig("Watchdog_Route", "Query", "1");
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil(Monitoring));
+  ASSERT_TRUE(gw::WaitUntil([] { return Config("Watchdog_Route", "Query") == "0"; }));
+  SetConfig("Watchdog_Route", "Query", "1");
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil([] { return Config("Watchdog_Route", "Query") == "0"; }));
+  ASSERT_EQ(gw::Run("ip route add 198.18.0.7 dev br0").status, 0);
+  ASSERT_TRUE(
+      gw::WaitUntil([] { return RouteTables("198.18.0.7|*|255.255.255.255|UH|0|0|0|br0") == 1; }));
+  size_t before = RouteTables();
+  ASSERT_TRUE(gw::WaitReports("infgen", Reports("infgen").size() + 3));
+  ASSERT_EQ(gw::Run("ip route del 198.18.0.7 dev br0").status, 0);
+  ASSERT_TRUE(gw::WaitUntil([&] { return RouteTables() > before; }));
+  SetConfig("Watchdog_Route", "Query", "1");
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil([&] { return RouteTables() >= before + 2; }));
+  // Only the deletion and the query, though the old period passed twice.
+  EXPECT_EQ(RouteTables(), before + 2);
+  EXPECT_EQ(RouteTables("198.18.0.7"), 1u);
+
+  // Back to mode 1: the monitor is gone, and the timer reports again.
+  SetConfig("Watchdog_Route", "Mode", "1");
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil([] { return !Monitoring(); }));
+  ASSERT_TRUE(gw::WaitUntil([&] { return RouteTables() >= before + 4; }, 20000));
+  // Any other mode stops the monitor but keeps the running timer.
+  SetConfig("Watchdog_Route", "Mode", "2");
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil(Monitoring));
+  SetConfig("Watchdog_Route", "Mode", "0");
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil([] { return !Monitoring(); }));
+}
+
+TEST_F(NetTables, PeriodicInfoFollowsItsVerbosityFromTheNextExpiry) {
+  SetConfig("Watchdog_WDInfo", "Timer", "60");
+  SetConfig("Watchdog_WDInfo", "Verbosity", "9");
+  Start();
+  auto categories = [] {
+    std::vector<std::string> out;
+    for (const std::string& line : gw::ReportLines()) {
+      out.push_back(line.substr(10, line.find('.', 10) - 10));
+    }
+    return out;
+  };
+  ASSERT_TRUE(gw::WaitUntil([&] { return categories().size() >= 4; }, 20000));
+  std::vector<std::string> got = categories();
+  EXPECT_EQ(std::vector<std::string>(got.begin(), got.begin() + 4),
+            (std::vector<std::string>{"infprc", "infgen", "infprc", "infgen"}));
+  // dnsmasq runs (the provider's); none of the other watched names does.
+  EXPECT_EQ(Reports("infprc")[0], "0|0|1|0|0|0|0|0");
+  EXPECT_TRUE(
+      std::regex_match(Reports("infgen")[0], std::regex(R"(\d{1,3}\.\d\|\d{1,3}\.\d\|\d+\.\d\d)")))
+      << Reports("infgen")[0];
+
+  // The WAN counters move with traffic over ppp0.
+  Ping("203.0.113.1");
+  SetConfig("Watchdog_WDInfo", "Verbosity", "4");
+  Change(MOD_PERIODIC_INFO);
+  ASSERT_TRUE(gw::WaitReports("infcnt", 2));
+  got = categories();
+  size_t at = std::find(got.begin(), got.end(), "infcnt") - got.begin();
+  for (size_t i = at; i < got.size(); ++i) EXPECT_EQ(got[i], "infcnt") << i;
+  for (size_t i = 0; i < at; ++i) EXPECT_EQ(got[i], i % 2 == 0 ? "infprc" : "infgen") << i;
+  std::vector<std::string> cnt = Reports("infcnt");
+  EXPECT_EQ(cnt[0].substr(0, 12), "203.0.113.2|");
+  EXPECT_NE(cnt[0].find("|10.2.0.2|"), std::string::npos);
+  EXPECT_NE(cnt[0].find("|10.1.0.2|"), std::string::npos);
+  // Received packets of ppp0 (the fifth field): the ping's answer at least.
+  std::istringstream fields(cnt[0]);
+  std::string field;
+  for (int i = 0; i < 5; ++i) std::getline(fields, field, '|');
+  EXPECT_GT(std::stol(field), 0) << cnt[0];
+}
+
+}  // namespace
