@@ -32,6 +32,30 @@ run sh -c '
   grep -E "^(VmRSS|VmSize|Threads)" /proc/$pid/status
 '
 
+echo "== route monitor thread (mode 2): idle for 20 s, then one route change =="
+"$top/gateway/gw-run" --net --syslog --prefix "$dir/stage" -- sh -c '
+  tcapi set Watchdog_Common Enable 1
+  tcapi set Watchdog_Route Mode 2
+  watchdogd 2>/dev/null &
+  while [ ! -d /var/wd_tmp ]; do sleep 0.1; done
+  pid=$(pidof watchdogd)
+  before=$(ls /proc/$pid/task)
+  wdctl config ip_route > /dev/null
+  while ! busybox awk "\$4 == 00000040 { found = 1 } END { exit !found }" /proc/net/netlink; do sleep 0.1; done
+  tid=$(for t in $(ls /proc/$pid/task); do echo "$before" | grep -qx "$t" || echo "$t"; done)
+  sample() {
+    echo "$(busybox awk "{print \$14+\$15}" /proc/$pid/task/$tid/stat)" \
+      "$(busybox awk "/^voluntary/ {print \$2}" /proc/$pid/task/$tid/status)"
+  }
+  hz=$(getconf CLK_TCK)
+  set -- $(sample); sleep 20; t0=$1 w0=$2; set -- $(sample)
+  echo "idle: CPU $(( ($1 - t0) * 1000 / hz )) ms in 20 s, $(( ($2 - w0) / 20 )) wakeups per second"
+  t0=$(date +%s%N)
+  ip route add 198.18.0.1 dev br0
+  until grep -q "|198.18.0.1|" /var/log/messages; do sleep 0.01; done
+  echo "a route added: its table at syslog-ng after $(( ($(date +%s%N) - t0) / 1000000 )) ms (the relay sends one line per 300 ms tick)"
+'
+
 echo "== long run: 100 minutes of the daemon's time in 60 s (libfaketime x100) =="
 echo "   PPPoE checks every 10 s with ping and lookup, the WAN line cut and restored"
 echo "   every 5 minutes, an IGMP timer every second: what the process holds over time"
