@@ -115,6 +115,22 @@ int wd_parseLong(const char** text, long min, long max, long* value) {
   return 1;
 }
 
+int wd_splitWords(const char* line, char* words, int count, size_t size) {
+  const char* const kBlanks = " \t\r\n\v\f";
+  int n = 0;
+  const char* p = line + strspn(line, kBlanks);
+  while (n < count && *p != '\0') {
+    size_t len = strcspn(p, kBlanks);
+    size_t copy = len < size - 1 ? len : size - 1;
+    memcpy(words + static_cast<size_t>(n) * size, p, copy);
+    words[static_cast<size_t>(n) * size + copy] = '\0';
+    ++n;
+    p += len;
+    p += strspn(p, kBlanks);
+  }
+  return n;
+}
+
 int wd_periodMs(uint32_t seconds) {
   constexpr uint32_t kMaxSeconds = INT_MAX / 1000;
   return static_cast<int>((seconds < kMaxSeconds ? seconds : kMaxSeconds) * 1000);

@@ -56,6 +56,11 @@ uint32_t wd_parseUnsigned(const char* text);
 // returned. 0, with nothing moved, when there is no number or it is out of
 // range.
 int wd_parseLong(const char** text, long min, long max, long* value);
+// Splits `line` into at most `count` blank-separated words (blanks: space,
+// tab, line ends), each copied into its own `size`-byte slot of `words`
+// (`count` slots one after the other), cut at size - 1 characters. Returns
+// the number of words found, at most `count`.
+int wd_splitWords(const char* line, char* words, int count, size_t size);
 // A module period in seconds as the milliseconds the timer service takes,
 // capped where the milliseconds no longer fit an int (about 24.8 days).
 int wd_periodMs(uint32_t seconds);

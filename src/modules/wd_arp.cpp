@@ -29,8 +29,7 @@ struct Words {
 
 // The six words of a line; 0 when it has fewer.
 int Split(const char* line, Words* out) {
-  return sscanf(line, "%47s %47s %47s %47s %47s %47s", out->w[0], out->w[1], out->w[2], out->w[3],
-                out->w[4], out->w[5]) == 6;
+  return wd_splitWords(line, out->w[0], 6, sizeof out->w[0]) == 6;
 }
 
 // The global (scope "00") IPv6 address of `device` from the start of
@@ -140,7 +139,7 @@ void clearARPTable(void) {
   char ip[48];
   while (fgets(line, sizeof line, arp) != nullptr) {
     if (strstr(line, "HW address") != nullptr) continue;
-    if (sscanf(line, "%47s", ip) == 1) deleteARPEntry(ip);
+    if (wd_splitWords(line, ip, 1, sizeof ip) == 1) deleteARPEntry(ip);
   }
   fclose(arp);
 }

@@ -126,10 +126,7 @@ void mod_routeReport(FILE* route) {
   }
   char c[8][16];
   while (fgets(line, sizeof line, route) != nullptr) {
-    if (sscanf(line, "%15s %15s %15s %15s %15s %15s %15s %15s", c[0], c[1], c[2], c[3], c[4], c[5],
-               c[6], c[7]) != 8) {
-      break;
-    }
+    if (wd_splitWords(line, c[0], 8, sizeof c[0]) != 8) break;
     char text[256];
     snprintf(text, sizeof text, "%s|%s|%s|%s|%s|%s|%s|%s", c[0], c[1], c[2], c[3], c[4], c[5], c[6],
              c[7]);

@@ -97,12 +97,13 @@ TEST(RouteTable, HeaderOnlyGarbageOrNothingReportsNothing) {
   mod_routeReport(garbage);
   Sample empty("");
   mod_routeReport(empty);
-  // A word longer than a column is cut into 15-character pieces, never
-  // written past its column.
-  Sample wide(std::string(kRouteHeader) + std::string(40, 'x') + " a b c d e\n");
+  // A word longer than a column is cut to 15 characters; the columns after
+  // it stay in place.
+  Sample wide(std::string(kRouteHeader) + std::string(40, 'x') + " a b c d e f " +
+              std::string(20, 'y') + "\n");
   mod_routeReport(wide);
   EXPECT_EQ(Texts(buffer, "route"),
-            (std::vector<std::string>{"xxxxxxxxxxxxxxx|xxxxxxxxxxxxxxx|xxxxxxxxxx|a|b|c|d|e"}));
+            (std::vector<std::string>{"xxxxxxxxxxxxxxx|a|b|c|d|e|f|yyyyyyyyyyyyyyy"}));
 }
 
 TEST(ProcessStatus, EachLineMarksTheFirstWatchedNameItHolds) {
