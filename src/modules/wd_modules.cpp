@@ -6,13 +6,14 @@
 #include "wd_iproute.h"
 #include "wd_pppoe.h"
 #include "wd_status.h"
+#include "wd_tr069.h"
 #include "wd_voipregister.h"
 #include "wd_voipstats.h"
 
 const wdModDef kModDefs[MOD_MSG_RESEND] = {
     {"/var/wd_default.chanl", nullptr},
     {"/var/wd_pppoe.chanl", mod_pppoeHandler},
-    {"/var/wd_tr069.chanl", mod_placeholderHandler<MOD_TR069>},
+    {"/var/wd_tr069.chanl", mod_tr069Handler},
     {"/var/wd_arp.chanl", mod_arpHandler},
     {"/var/wd_ip_route.chanl", mod_ipRouteHandler},
     {"/var/wd_periodic_info.chanl", mod_periodicInfoHandler},

@@ -1,0 +1,38 @@
+// The TR-069 module (MOD_TR069): supervises the gateway's TR-069 client. It
+// restarts the client when the first registration with the ACS does not
+// complete in time, and when Inform responses stop coming once the device is
+// provisioned; it reports both in category tr069, and ceases the
+// communication alarm at the next Inform response.
+//
+// Everything here belongs to the TR-069 module thread; nothing is locked.
+#ifndef WATCHDOGD_MODULES_WD_TR069_H
+#define WATCHDOGD_MODULES_WD_TR069_H
+
+#include <stdint.h>
+
+typedef struct wdModTR069 {
+  uint32_t cur_caseflag;        // 0 factory credentials, 1 registering, 2 provisioned
+  uint8_t alarmFlag;            // 1 while the communication alarm stands
+  uint32_t RegisterTimer;       // registration limit, seconds
+  uint32_t PITimer;             // Inform-response limit, seconds
+  uint32_t RegisterCounterACS;  // seconds spent in case 1
+  uint32_t PICounter;           // seconds counted in case 2 since the last response
+  uint32_t periodInterval;      // the client's periodic Inform interval, seconds
+  uint32_t informState;         // 0 idle, 1 Inform sent, 2 answered
+} wdModTR069;
+
+extern wdModTR069 gWdModTR069;
+
+// Puts the client's connection-request credentials back (mode 1:
+// "boottrap") or not (any other mode: "periodic"), then kills and starts it.
+void wd_tr069_Restart(int mode);
+// Fills gWdModTR069 from the configuration and classifies the credentials;
+// 0, or -1 when a read failed.
+int wdmod_tr069Handler_init(void);
+// One event of the module's state machine (TIMER_EXPIRED, GET_INFORM,
+// GET_INFORM_RESPONSE, CR_NAME_CHANGE, NAME_CHANGE, CONFIG_CHANGE).
+void mod_tr069Event(int eventType);
+// Thread body of MOD_TR069.
+void* mod_tr069Handler(void* arg);
+
+#endif  // WATCHDOGD_MODULES_WD_TR069_H
