@@ -170,47 +170,36 @@ TEST(PacketCounter, GroupsInPvcOrderWithTransmitBeforeReceive) {
   EXPECT_EQ(mod_packetCounterText(nullptr, text, sizeof text), 0);
 }
 
+// The general status text from samples of the three files ("" for a missing
+// file).
+std::string General(const std::string& uptime, const std::string& meminfo,
+                    const std::string& stat) {
+  Sample up(uptime), mem(meminfo), cpu(stat);
+  char text[512];
+  mod_generalStatusText(uptime.empty() ? nullptr : static_cast<FILE*>(up),
+                        meminfo.empty() ? nullptr : static_cast<FILE*>(mem),
+                        stat.empty() ? nullptr : static_cast<FILE*>(cpu), text, sizeof text);
+  return text;
+}
+
 TEST(GeneralStatus, CpuMemoryAndUptimeFromTheLastSample) {
   old_total = 0;
   old_idle = 0;
-  char text[512];
   const std::string meminfo =
       "MemTotal:         200000 kB\nMemFree:           50000 kB\nBuffers:           10000 kB\n"
       "Cached:            22000 kB\nSwapCached:        99999 kB\n";
-  {
-    Sample up("100.25 50.00\n312.50 100.00\n"), mem(meminfo),
-        stat("cpu  100 0 100 800 0 0 0 0 0 0\n");
-    mod_generalStatusText(up, mem, stat, text, sizeof text);
-    EXPECT_STREQ(text, "20.0|41.0|312.50");  // since boot
-  }
-  {
-    Sample stat("cpu  100 0 100 1800 0 0 0 0 0 0\n");  // idle for the whole interval
-    mod_generalStatusText(nullptr, nullptr, stat, text, sizeof text);
-    EXPECT_STREQ(text, "0.0|0.0|0.00");
-  }
-  {
-    Sample stat("cpu  400 0 100 1800 0 0 0 0 0 0\n");  // fully busy
-    mod_generalStatusText(nullptr, nullptr, stat, text, sizeof text);
-    EXPECT_STREQ(text, "100.0|0.0|0.00");
-  }
-  {
-    Sample stat("cpu  400 0 103 1801 0 0 0 0 0 0\n");  // 3 of 4 busy: 75, truncated division
-    mod_generalStatusText(nullptr, nullptr, stat, text, sizeof text);
-    EXPECT_STREQ(text, "75.0|0.0|0.00");
-  }
-  {
-    Sample same("cpu  400 0 103 1801 0 0 0 0 0 0\n");  // no time has passed
-    Sample noTotal("MemFree: 5 kB\n");
-    mod_generalStatusText(nullptr, noTotal, same, text, sizeof text);
-    EXPECT_STREQ(text, "0.0|0.0|0.00");
-  }
-  {
-    Sample garbage("intr 12345\n");  // not a cpu line: read as a missing file
-    mod_generalStatusText(nullptr, nullptr, garbage, text, sizeof text);
-    EXPECT_STREQ(text, "0.0|0.0|0.00");
-    EXPECT_EQ(old_total, 2304u);
-    EXPECT_EQ(old_idle, 1801u);
-  }
+  EXPECT_EQ(General("100.25 50.00\n312.50 100.00\n", meminfo, "cpu  100 0 100 800 0 0 0 0 0 0\n"),
+            "20.0|41.0|312.50");                                                      // since boot
+  EXPECT_EQ(General("", "", "cpu  100 0 100 1800 0 0 0 0 0 0\n"), "0.0|0.0|0.00");    // idle
+  EXPECT_EQ(General("", "", "cpu  400 0 100 1800 0 0 0 0 0 0\n"), "100.0|0.0|0.00");  // busy
+  // 3 of 4 busy: 75, with the division truncated.
+  EXPECT_EQ(General("", "", "cpu  400 0 103 1801 0 0 0 0 0 0\n"), "75.0|0.0|0.00");
+  // No time has passed; no total memory.
+  EXPECT_EQ(General("", "MemFree: 5 kB\n", "cpu  400 0 103 1801 0 0 0 0 0 0\n"), "0.0|0.0|0.00");
+  // Not a cpu line: read as a missing file, the stored counters stay.
+  EXPECT_EQ(General("", "", "intr 12345\n"), "0.0|0.0|0.00");
+  EXPECT_EQ(old_total, 2304u);
+  EXPECT_EQ(old_idle, 1801u);
 }
 
 }  // namespace
