@@ -68,13 +68,7 @@ void OnConfigChange(int* timerId) {
   }
   tcapi_get(kNode, "ResetTable", reset);
   tcapi_get(kNode, "Query", query);
-  wdSubModEntry& entry = gSubMod[MOD_ARP];
-  uint32_t period = wd_parseSetting(kNode, "Timer", timer);
-  if (period != entry.timer) {
-    wd_timerPStop(*timerId);
-    entry.timer = period;
-    *timerId = period != 0 ? wd_startModPTimer(MOD_ARP, period) : 0;
-  }
+  wd_changeModPeriod(MOD_ARP, wd_parseSetting(kNode, "Timer", timer), timerId);
   bool acted = false;
   // Only the exact text "1" is a request. The reset comes first, so that a
   // report asked for in the same change shows the table after it.
@@ -170,10 +164,7 @@ int showARPTable(void) {
 void* mod_arpHandler(void*) {
   wdChanl ch;
   if (wd_chanlOpen(MOD_ARP, &ch) < 0) wd_threadExit(MOD_ARP, 0, nullptr);
-  wdSubModEntry& entry = gSubMod[MOD_ARP];
-  int timerId = 0;
-  if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_ARP);
-  if (entry.timer != 0) timerId = wd_startModPTimer(MOD_ARP, entry.timer);
+  int timerId = wd_startModTimer(MOD_ARP);
   wd_modLoop(&ch, kText, OnEvent, &timerId);
   wd_threadExit(MOD_ARP, timerId, &ch);
 }

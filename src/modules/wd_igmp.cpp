@@ -66,9 +66,7 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
 void* mod_igmpHandler(void*) {
   wdChanl ch;
   if (wd_chanlOpen(MOD_IGMP, &ch) < 0) wd_threadExit(MOD_IGMP, 0, nullptr);
-  wdSubModEntry& entry = gSubMod[MOD_IGMP];
-  if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_IGMP);
-  int timerId = entry.timer != 0 ? wd_startModPTimer(MOD_IGMP, entry.timer) : 0;
+  int timerId = wd_startModTimer(MOD_IGMP);
   wd_modLoop(&ch, kText, OnEvent, &timerId);
   wd_threadExit(MOD_IGMP, timerId, &ch);
 }

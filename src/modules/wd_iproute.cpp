@@ -67,16 +67,10 @@ void OnConfigChange(IpRoute* r) {
       JoinMonitor(r);
     }
   }
-  wdSubModEntry& entry = gSubMod[MOD_IP_ROUTE];
   if (periodic) {
-    uint32_t period = wd_parseSetting(kNode, "Timer", timer);
-    if (period != entry.timer) {
-      if (r->timerId != 0) wd_timerPStop(r->timerId);
-      entry.timer = period;
-      r->timerId = period != 0 ? wd_startModPTimer(MOD_IP_ROUTE, period) : 0;
-    }
+    wd_changeModPeriod(MOD_IP_ROUTE, wd_parseSetting(kNode, "Timer", timer), &r->timerId);
   } else if (monitored) {
-    entry.timer = 0;
+    gSubMod[MOD_IP_ROUTE].timer = 0;
     if (r->timerId != 0) wd_timerPStop(r->timerId);
     r->timerId = 0;
     if (!r->monitoring) {
@@ -192,11 +186,7 @@ int wd_initIpRoute(int* timerId) {
     tcdbg_printf("\r\n wd_initIpRoute get route fail\r\n");
     return -1;
   }
-  if (strcmp(mode, "1") == 0) {
-    wdSubModEntry& entry = gSubMod[MOD_IP_ROUTE];
-    if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_IP_ROUTE);
-    if (entry.timer != 0) *timerId = wd_startModPTimer(MOD_IP_ROUTE, entry.timer);
-  }
+  if (strcmp(mode, "1") == 0) *timerId = wd_startModTimer(MOD_IP_ROUTE);
   return 0;
 }
 

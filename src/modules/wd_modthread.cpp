@@ -194,6 +194,21 @@ int wd_startModPTimer(uint8_t modId, uint32_t seconds) {
   return id > 0 ? id : 0;
 }
 
+int wd_startModTimer(uint8_t modId) {
+  wdSubModEntry& entry = gSubMod[modId];
+  if (entry.timer == 0) entry.timer = wd_updateModTimer(modId);
+  return entry.timer != 0 ? wd_startModPTimer(modId, entry.timer) : 0;
+}
+
+int wd_changeModPeriod(uint8_t modId, uint32_t period, int* timerId) {
+  wdSubModEntry& entry = gSubMod[modId];
+  if (period == entry.timer) return 0;
+  if (*timerId != 0) wd_timerPStop(*timerId);
+  entry.timer = period;
+  *timerId = period != 0 ? wd_startModPTimer(modId, period) : 0;
+  return 1;
+}
+
 uint32_t wd_parseSetting(const char* node, const char* attr, const char* text) {
   uint32_t value = wd_parseUnsigned(text);
   if (text[strspn(text, "0123456789")] != '\0') {

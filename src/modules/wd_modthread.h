@@ -25,6 +25,14 @@ uint32_t wd_updateModTimer(uint8_t modId);
 // Starts the module's periodic TIMER_EXPIRED timer of `seconds`; its id, or 0
 // when it could not be started.
 int wd_startModPTimer(uint8_t modId, uint32_t seconds);
+// The module's periodic timer at thread start: the entry's period, read from
+// the configuration when the entry holds 0, armed when it is not 0. Its id,
+// or 0 when none was started.
+int wd_startModTimer(uint8_t modId);
+// A period read on a configuration change: when it differs from the entry's,
+// stops the periodic timer *timerId (when not 0), stores the period and arms
+// a new timer (none for 0), whose id replaces *timerId. 1 when it changed.
+int wd_changeModPeriod(uint8_t modId, uint32_t period, int* timerId);
 // A number read from the configuration (`text` of `attr` of `node`): its
 // leading decimal digits, as wd_parseUnsigned reads them. A text that is not
 // entirely digits is reported on the debug console with what it is read as.

@@ -31,13 +31,7 @@ void OnConfigChange(int* timerId) {
   }
   // A failed fetch leaves the buffer empty, read as 0: the module goes quiet.
   tcapi_get(kNode, "Verbosity", verbosity);
-  wdSubModEntry& entry = gSubMod[MOD_PERIODIC_INFO];
-  uint32_t period = wd_parseSetting(kNode, "Timer", timer);
-  if (period != entry.timer) {
-    wd_timerPStop(*timerId);
-    entry.timer = period;
-    *timerId = period != 0 ? wd_startModPTimer(MOD_PERIODIC_INFO, period) : 0;
-  }
+  wd_changeModPeriod(MOD_PERIODIC_INFO, wd_parseSetting(kNode, "Timer", timer), timerId);
   uint32_t level = verbosity[0] != '\0' ? wd_parseSetting(kNode, "Verbosity", verbosity) : 0;
   if (level != displayLevel) displayLevel = level;
 }
@@ -70,10 +64,7 @@ void mod_periodicInfoReport(uint32_t mask) {
 void* mod_periodicInfoHandler(void*) {
   wdChanl ch;
   if (wd_chanlOpen(MOD_PERIODIC_INFO, &ch) < 0) wd_threadExit(MOD_PERIODIC_INFO, 0, nullptr);
-  wdSubModEntry& entry = gSubMod[MOD_PERIODIC_INFO];
-  int timerId = 0;
-  if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_PERIODIC_INFO);
-  if (entry.timer != 0) timerId = wd_startModPTimer(MOD_PERIODIC_INFO, entry.timer);
+  int timerId = wd_startModTimer(MOD_PERIODIC_INFO);
   char verbosity[16] = {0};
   if (tcapi_get(kNode, "Verbosity", verbosity) == 0) {
     uint32_t level = wd_parseSetting(kNode, "Verbosity", verbosity);

@@ -4,7 +4,6 @@
 #include "wd_status.h"
 
 #include <ctype.h>
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -31,7 +30,6 @@ constexpr int kWatchedCount = sizeof kWatched / sizeof kWatched[0];
 // as the target's 32-bit counters do, and one past 2^64 stays at its maximum.
 int32_t Counter(const char** p) {
   char* end;
-  errno = 0;
   unsigned long long v = strtoull(*p, &end, 10);
   *p = end;
   return static_cast<int32_t>(static_cast<uint32_t>(v));

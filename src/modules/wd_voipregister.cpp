@@ -41,12 +41,8 @@ void OnConfigChange(VoipRegister* r) {
     return;
   }
   tcapi_get(kNode, "ImproperConfEnable", improper);
-  wdSubModEntry& entry = gSubMod[MOD_VOIP_REGISTER];
   uint32_t period = wd_parseSetting(kNode, "RegisterTimer", timer);
-  if (period != entry.timer) {
-    wd_timerPStop(r->timerId);
-    entry.timer = period;
-    r->timerId = period != 0 ? wd_startModPTimer(MOD_VOIP_REGISTER, period) : 0;
+  if (wd_changeModPeriod(MOD_VOIP_REGISTER, period, &r->timerId)) {
     WD_TRACE_AS(kHandler, "Timer change, set new timer, %ds", static_cast<int>(period));
   }
   r->improperConf = static_cast<uint8_t>(wd_parseSetting(kNode, "ImproperConfEnable", improper));
@@ -104,10 +100,8 @@ const char* mod_voipRegisterPrefix(uint8_t improperConf, int32_t status) {
 void* mod_voipRegisterHandler(void*) {
   wdChanl ch;
   if (wd_chanlOpen(MOD_VOIP_REGISTER, &ch) < 0) wd_threadExit(MOD_VOIP_REGISTER, 0, nullptr);
-  wdSubModEntry& entry = gSubMod[MOD_VOIP_REGISTER];
   VoipRegister r = {};
-  if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_VOIP_REGISTER);
-  if (entry.timer != 0) r.timerId = wd_startModPTimer(MOD_VOIP_REGISTER, entry.timer);
+  r.timerId = wd_startModTimer(MOD_VOIP_REGISTER);
   wd_modLoop(&ch, kText, OnEvent, &r);
   wd_threadExit(MOD_VOIP_REGISTER, r.timerId, &ch);
 }
