@@ -4,6 +4,7 @@
 #include "wd_arp.h"
 #include "wd_general.h"
 #include "wd_iproute.h"
+#include "wd_monitor.h"
 #include "wd_pppoe.h"
 #include "wd_status.h"
 #include "wd_tr069.h"
@@ -21,6 +22,6 @@ const wdModDef kModDefs[MOD_MSG_RESEND] = {
     {"/var/wd_voip_stats.chanl", mod_voipStatsHandler},
     {"/var/wd_voip_register.chanl", mod_voipRegisterHandler},
     {"/var/wd_general.chanl", mod_generalHandler},
-    {"/var/wd_monitor.chanl", mod_placeholderHandler<MOD_MONITOR>},
+    {"/var/wd_monitor.chanl", mod_monitorHandler},
     {"/var/wd_smple.chanl", mod_sampleHandler},
 };

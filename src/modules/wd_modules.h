@@ -19,13 +19,4 @@ void* mod_sampleHandler(void* arg);
 // MOD_IGMP: keeps its configured periodic timer and traces its expiries.
 void* mod_igmpHandler(void* arg);
 
-// Stand-in body for a module whose own work is not built yet: the common
-// module loop with the configured periodic timer, ending on THREAD_EXIT and
-// dropping every other event.
-void* wd_placeholderBody(int modId);
-template <int Id>
-void* mod_placeholderHandler(void*) {
-  return wd_placeholderBody(Id);
-}
-
 #endif  // WATCHDOGD_MODULES_WD_MODULES_H
