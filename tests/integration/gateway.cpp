@@ -70,17 +70,19 @@ uint32_t FromTarget(uint32_t raw) {
   return targetBig == hostBig ? raw : __builtin_bswap32(raw);
 }
 
+std::vector<std::string> Faketime(int speed) {
+  const char* asan = getenv("ASAN_OPTIONS");
+  return {"/usr/bin/env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
+          "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_FAKE_MONOTONIC=1",
+          std::string("ASAN_OPTIONS=verify_asan_link_order=0:") + (asan ? asan : "")};
+}
+
 bool Daemon::Start(const std::vector<std::string>& args, bool waitReady) {
   std::vector<std::string> argv;
   std::istringstream emulator(Emulator());
   for (std::string word; emulator >> word;) argv.push_back(word);
   if (!argv.empty()) speed = 1;  // the emulator's own waits would not be scaled
-  if (speed != 1) {              // through env(1), so the child only opens and execs
-    const char* asan = getenv("ASAN_OPTIONS");
-    argv = {"/usr/bin/env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
-            "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_FAKE_MONOTONIC=1",
-            std::string("ASAN_OPTIONS=verify_asan_link_order=0:") + (asan ? asan : "")};
-  }
+  if (speed != 1) argv = Faketime(speed);
   argv.push_back("/opt/watchdogd/sbin/watchdogd");
   argv.insert(argv.end(), args.begin(), args.end());
   std::vector<char*> cargv;

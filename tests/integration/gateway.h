@@ -26,6 +26,10 @@ namespace gw {
 std::string Installed(const std::string& program);
 uint32_t FromTarget(uint32_t raw);
 
+// env(1) and the settings that run a program under libfaketime `speed` times
+// faster: the child only opens and execs.
+std::vector<std::string> Faketime(int speed);
+
 // The daemon as a child process, under libfaketime `speed` times faster.
 class Daemon {
  public:

@@ -205,8 +205,8 @@ TEST_F(NetTables, PeriodicInfoFollowsItsVerbosityFromTheNextExpiry) {
   std::vector<std::string> all = {"infprc", "infcnx", "infcnt", "infgen"};
   if (!gw::Exists("/proc/net/stat/nf_conntrack")) all.erase(all.begin() + 1);
   EXPECT_EQ(Expiries()[0], all);
-  // dnsmasq runs (the provider's); none of the other watched names does.
-  EXPECT_EQ(Reports("infprc")[0], "0|0|1|0|0|0|0|0");
+  // pppd and the provider's dnsmasq run; none of the other watched names does.
+  EXPECT_EQ(Reports("infprc")[0], "1|0|1|0|0|0|0|0");
   std::vector<std::string> cnt = Reports("infcnt");
   EXPECT_EQ(cnt[0].substr(0, 12), "203.0.113.2|");
   EXPECT_NE(cnt[0].find("|10.2.0.2|"), std::string::npos);
