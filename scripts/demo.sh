@@ -11,5 +11,5 @@ cmake --build "$dir" -j "$(nproc)" > /dev/null
 cmake --install "$dir" --prefix "$dir/stage" > /dev/null
 tty=()
 [ -t 0 ] && tty=(--tty)
-exec "$top/gateway/gw-run" ${tty[@]+"${tty[@]}"} --net --syslog --prefix "$dir/stage" \
+exec "$top/gateway/gw-run" ${tty[@]+"${tty[@]}"} --net --syslog --services --prefix "$dir/stage" \
   --peers "$dir/gateway" -- /gw/sim/demo-inside
