@@ -52,6 +52,9 @@ TEST_F(Tr069Test, CredentialsDecideTheStartingCase) {
   EXPECT_EQ(gWdModTR069.periodInterval, 10u);
   EXPECT_EQ(classify("KPRTV4826", "secret", "WBN5937", "WBN5937"), 2u);  // one at factory
   EXPECT_EQ(classify("user", "secret", "WBN5937", "acs"), 2u);
+  // Longer than the 128-byte buffer: cut, and no longer the factory text.
+  std::string longer = "KPRTV4826" + std::string(300, 'x');
+  EXPECT_EQ(classify(longer.c_str(), "KPRTV4826", "WBN5937", "WBN5937"), 2u);
   EXPECT_EQ(Get("restartmode"), "");
   // Compared byte for byte: none at factory, the ACS ones at factory.
   EXPECT_EQ(classify("user", "kprtv4826", "WBN5937", "WBN5937"), 0u);
