@@ -12,7 +12,6 @@
 #include <net/if.h>
 #include <signal.h>
 #include <spawn.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <time.h>
 #include <sys/wait.h>
@@ -20,24 +19,16 @@
 
 #include <initializer_list>
 
+#include "peer_log.h"
+
 extern char** environ;
 
 namespace {
 
+const char kLog[] = "/var/log/pppd";
+
 volatile sig_atomic_t stopping = 0;
 void OnStop(int) { stopping = 1; }
-
-void Log(const char* format, ...) {
-  FILE* f = fopen("/var/log/pppd", "ae");
-  if (f == nullptr) return;
-  fprintf(f, "pid=%d ", static_cast<int>(getpid()));
-  va_list ap;
-  va_start(ap, format);
-  vfprintf(f, format, ap);
-  va_end(ap);
-  fputc('\n', f);
-  fclose(f);
-}
 
 // Runs ip with `args`; true when it succeeded.
 bool Ip(const char* a, const char* b, const char* c, const char* d, const char* e = nullptr,
@@ -70,7 +61,7 @@ int main(int argc, char**) {
   stop.sa_handler = OnStop;
   for (int sig : {SIGTERM, SIGHUP, SIGINT}) sigaction(sig, &stop, nullptr);
   bool link = if_nametoindex("ppp0") != 0;
-  Log(link ? "dialing" : "no ppp0: holding on");
+  PeerLog(kLog, "pid=%d %s", static_cast<int>(getpid()), link ? "dialing" : "no ppp0: holding on");
   if (link) {
     timespec dial = {2, 0};
     sigprocmask(SIG_SETMASK, &waiting, nullptr);
@@ -81,10 +72,11 @@ int main(int argc, char**) {
   if (!stopping && link) {
     bool up = Ip("link", "set", "ppp0", "up") &&
               Ip("route", "replace", "default", "via", "203.0.113.1", "dev", "ppp0");
-    Log(up ? "connected" : "cannot bring ppp0 up");
+    PeerLog(kLog, "pid=%d %s", static_cast<int>(getpid()),
+            up ? "connected" : "cannot bring ppp0 up");
   }
   while (!stopping) sigsuspend(&waiting);
   if (link) Ip("link", "set", "ppp0", "down");
-  Log("hung up");
+  PeerLog(kLog, "pid=%d hung up", getpid());
   return 0;
 }

@@ -31,7 +31,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -42,6 +41,7 @@
 #include <string>
 
 #include "libwdfunc.h"
+#include "peer_log.h"
 #include "tcapi.h"
 
 namespace {
@@ -56,17 +56,6 @@ const uint16_t kModTr069 = 2;
 volatile sig_atomic_t stopping = 0;
 void OnStop(int) { stopping = 1; }
 
-void Log(const char* format, ...) {
-  FILE* f = fopen(kLogPath, "ae");
-  if (f == nullptr) return;
-  va_list ap;
-  va_start(ap, format);
-  vfprintf(f, format, ap);
-  va_end(ap);
-  fputc('\n', f);
-  fclose(f);
-}
-
 std::string Get(const char* attr) {
   char value[512] = {0};
   if (tcapi_get(kCwmp, attr, value) != 0) return "";
@@ -77,7 +66,8 @@ void Tell(uint32_t type) {
   wdCmdMsg msg = {};
   msg.signaltype = type;
   msg.sequenceNumber = kModTr069;
-  if (SendSigToApp(WD_CMD_SOCK_PATH, &msg) < 0) Log("command %u lost: %s", type, strerror(errno));
+  if (SendSigToApp(WD_CMD_SOCK_PATH, &msg) < 0)
+    PeerLog(kLogPath, "command %u lost: %s", type, strerror(errno));
 }
 
 // A word for the line protocol: blanks would split it.
@@ -188,7 +178,7 @@ void Apply(const std::string& reply) {
     if (!conReq && strcmp(what, "acs") != 0) continue;
     tcapi_set(kCwmp, conReq ? "conReqUserName" : "acsUserName", user);
     tcapi_set(kCwmp, conReq ? "conReqPassword" : "acsPassword", pass);
-    Log("set %s %s", what, user);
+    PeerLog(kLogPath, "set %s %s", what, user);
     Tell(conReq ? MSG_QORVWATCHDOG_CR_NAME_CHANGE : MSG_QORVWATCHDOG_NAME_CHANGE);
   }
 }
@@ -199,12 +189,12 @@ bool Session(const char* event) {
                         Word(Get("acsUserName")) + "\n";
   std::string reply;
   if (!Exchange(request, &reply)) {
-    if (!stopping) Log("inform %s no answer: %s", event, reply.c_str());
+    if (!stopping) PeerLog(kLogPath, "inform %s no answer: %s", event, reply.c_str());
     return false;
   }
   Apply(reply);
   Tell(MSG_QORVWATCHDOG_GET_INFORM_RESPONSE);
-  Log("inform %s answered", event);
+  PeerLog(kLogPath, "inform %s answered", event);
   return true;
 }
 
@@ -236,7 +226,7 @@ int main(int argc, char**) {
   signal(SIGTERM, OnStop);
   signal(SIGINT, OnStop);
   std::string mode = Get("restartmode");
-  Log("start pid=%d restartmode=%s", static_cast<int>(getpid()), mode.c_str());
+  PeerLog(kLogPath, "start pid=%d restartmode=%s", static_cast<int>(getpid()), mode.c_str());
   const char* event =
       mode == "boottrap" || Get("acsUserName") == kFactoryAcs ? "BOOTSTRAP" : "BOOT";
   while (!stopping) {
@@ -245,6 +235,6 @@ int main(int argc, char**) {
     if (answered) event = "PERIODIC";
     Pause(answered || period < kRetrySec ? period : kRetrySec);
   }
-  Log("stop pid=%d", static_cast<int>(getpid()));
+  PeerLog(kLogPath, "stop pid=%d", static_cast<int>(getpid()));
   return 0;
 }
