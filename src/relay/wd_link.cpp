@@ -244,6 +244,9 @@ void* wd_bufTxHandler(void*) {
     while ((ret = select(0, nullptr, nullptr, nullptr, &wait)) < 0 && errno == EINTR) {
       wd_bufServeSignals();
     }
+    // A signal that came before this thread ran was taken when it unblocked
+    // the signals, outside the wait: its request is carried out here.
+    wd_bufServeSignals();
     if (ret < 0) {
       tcdbg_printf("Select error, ret=%d\n", ret);
     } else if (!rxSocketReady) {

@@ -21,8 +21,10 @@ TEST(RelayStartUp, WaitsForSyslogNgBeforeAnythingElse) {
       [&] { return Count(d.Stderr(), "Watchdogd, connect to syslog-NG failed\n") >= 2; }));
   EXPECT_FALSE(gw::Exists("/var/wd_tmp"));
   EXPECT_FALSE(gw::Exists("/var/wdSyslogRx.chanl")) << "the relay has not started";
+  ASSERT_EQ(kill(d.pid(), SIGUSR2), 0);  // waits for the relay, then is carried out
   ASSERT_TRUE(gw::StartSyslogNg());
   EXPECT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_tmp"); }));
+  EXPECT_TRUE(gw::WaitUntil([] { return Count(gw::ReadFile("/gw/console"), "==== End ====") == 1; }));
 }
 
 TEST(RelayFlash, ARestoredCopyIsSavedAgainAtOnceAndSurvivesASecondCrash) {
