@@ -3,7 +3,7 @@
 # Safe to run again: it installs only what is missing.
 set -euo pipefail
 pkgs=(g++ cmake make googletest bubblewrap busybox syslog-ng-core faketime iproute2
-      dnsmasq-base procps psmisc g++-mips-linux-gnu qemu-user)
+      dnsmasq-base procps psmisc g++-mips-linux-gnu qemu-user clang libclang-rt-14-dev valgrind)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
