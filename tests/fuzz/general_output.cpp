@@ -1,0 +1,27 @@
+// A shell command's output as the general module reports it: in the pieces
+// that 512-byte reads of the pipe give, each piece a numbered line. The
+// numbers must run 1, 2, 3... while the buffer takes the lines. Output past
+// 256 KiB is not fed: it only adds lines the full buffer refuses, each
+// refusal copying the whole buffer for the flash, which takes minutes here.
+#include "wd_general.cpp"
+
+#include "fuzz_util.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FreshBuffer();
+  size = size < 262144 ? size : 262144;
+  const char* command = "ifconfig ppp0";
+  {
+    Lines lines(command);
+    for (size_t at = 0; at < size; at += 512) {
+      lines.Add(reinterpret_cast<const char*>(data) + at, size - at < 512 ? size - at : 512);
+    }
+    lines.Flush();
+  }
+  int number = 0;
+  for (const std::string& line : BufferLines()) {
+    std::string mark = "|" + std::string(command) + "|" + std::to_string(++number) + "| ";
+    FUZZ_CHECK(line.find(mark) != std::string::npos);
+  }
+  return 0;
+}
