@@ -30,7 +30,8 @@ while [ $# -gt 0 ]; do
     *) targets+=("$1"); shift ;;
   esac
 done
-[ ${#targets[@]} -gt 0 ] || mapfile -t targets < <(ls "$top/tests/fuzz/corpus")
+named=${#targets[@]}
+[ "$named" -gt 0 ] || mapfile -t targets < <(ls "$top/tests/fuzz/corpus")
 for t in "${targets[@]}"; do
   [ -d "$top/tests/fuzz/corpus/$t" ] || { echo "fuzz.sh: no target $t (--list)" >&2; exit 2; }
 done
@@ -38,7 +39,9 @@ done
 "$top/scripts/deps.sh"
 cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
   -DWD_FUZZ=ON -DWD_BUILD_TESTS=OFF > /dev/null
-cmake --build "$build" -j 2 --target "${targets[@]/#/fuzz_}" > "$build/build.log" 2>&1 ||
+what=()  # everything (the fuzz targets and the libraries), unless targets are named
+[ "$named" = 0 ] || what=(--target "${targets[@]/#/fuzz_}")
+cmake --build "$build" -j 2 ${what[@]+"${what[@]}"} > "$build/build.log" 2>&1 ||
   { tail -50 "$build/build.log"; exit 1; }
 
 # The sandboxes' files (and crash inputs) on tmpfs where there is one: the
