@@ -20,7 +20,7 @@
 
 timerList time_list;
 timerList periodic_time_list;
-pthread_mutex_t timerMutex = PTHREAD_MUTEX_INITIALIZER;
+wdMutex timerMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_t timer_thread;
 int tmIdIndex = 0;
 
@@ -28,29 +28,51 @@ namespace {
 
 int (*gClock)(wdTimeVal*) = gettimeofday_n;
 
-void ExpiryAfter(const wdTimeVal* now, int interval, timerNode* t) {
+void ExpiryAfter(const wdTimeVal* now, int interval, timerNode* t) WD_REQUIRES(timerMutex) {
   if (interval < 0) interval = 0;  // a negative interval is simply due at once
   int64_t usec = static_cast<int64_t>(now->tv_usec) + static_cast<int64_t>(interval % 1000) * 1000;
   t->expiry.tv_sec = now->tv_sec + interval / 1000 + usec / 1000000;
   t->expiry.tv_usec = static_cast<int32_t>(usec % 1000000);
 }
 
-bool IsDue(const timerNode* t, const wdTimeVal* now) {
+bool IsDue(const timerNode* t, const wdTimeVal* now) WD_REQUIRES(timerMutex) {
   return t->expiry.tv_sec < now->tv_sec ||
          (t->expiry.tv_sec == now->tv_sec && t->expiry.tv_usec <= now->tv_usec);
 }
 
-int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg) {
-  wdTimeVal now;
-  if (gClock(&now) != 0) return -1;
+// A new timer, due `interval` ms after `now`; null when out of memory.
+// Exempt: the timer is its creator's alone until it is listed.
+timerNode* NewTimer(const wdTimeVal* now, int id, int interval, wdTimerCallback callback,
+                    int arg) WD_NO_THREAD_SAFETY_ANALYSIS {
   timerNode* t = static_cast<timerNode*>(timer_malloc(sizeof(timerNode)));
-  if (t == nullptr) return -1;
-  ExpiryAfter(&now, interval, t);
+  if (t == nullptr) return nullptr;
+  ExpiryAfter(now, interval, t);
   t->id = id;
   t->interval = interval;
   t->arg = arg;
   t->callback = callback;
   t->due = nullptr;
+  return t;
+}
+
+// Calls and releases the one-shot timers of a pass, chained through `due`.
+// Exempt: they were removed from the list under timerMutex and are the timer
+// thread's alone.
+void CallRemoved(timerNode* first) WD_NO_THREAD_SAFETY_ANALYSIS {
+  while (first != nullptr) {
+    timerNode* t = first;
+    first = t->due;
+    t->callback(t->id, t->arg);
+    timer_free(t);
+  }
+}
+
+int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg)
+    WD_EXCLUDES(timerMutex) {
+  wdTimeVal now;
+  if (gClock(&now) != 0) return -1;
+  timerNode* t = NewTimer(&now, id, interval, callback, arg);
+  if (t == nullptr) return -1;
 
   wdLock lock(&timerMutex);
   timerListIterator it;
@@ -71,7 +93,7 @@ int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg
   return 0;
 }
 
-int Disarm(timerList* list, int id) {
+int Disarm(timerList* list, int id) WD_EXCLUDES(timerMutex) {
   wdLock lock(&timerMutex);
   timerListIterator it;
   void* e = timer_list_get_first(list, &it);
@@ -88,7 +110,8 @@ int Disarm(timerList* list, int id) {
 }
 
 // Takes an id, arms the timer, and gives the id back when arming fails.
-int Create(bool periodic, int interval, wdTimerCallback callback, int modId) {
+int Create(bool periodic, int interval, wdTimerCallback callback, int modId)
+    WD_EXCLUDES(timerMutex) {
   int id;
   {
     wdLock lock(&timerMutex);
@@ -159,12 +182,7 @@ void wd_timerPass(const wdTimeVal* now) {
       ExpiryAfter(now, t->interval, t);
     }
   }
-  while (dueFirst != nullptr) {
-    timerNode* t = dueFirst;
-    dueFirst = t->due;
-    t->callback(t->id, t->arg);
-    timer_free(t);
-  }
+  CallRemoved(dueFirst);
   for (size_t i = 0; i < calls; ++i) noted[i].callback(noted[i].id, noted[i].arg);
 }
 

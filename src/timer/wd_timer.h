@@ -13,6 +13,7 @@
 #include <stdint.h>
 
 #include "timer_list.h"
+#include "wd_lock.h"
 
 typedef int (*wdTimerCallback)(int id, int arg);
 
@@ -22,27 +23,28 @@ typedef struct wdTimeVal {
   int32_t tv_usec;
 } wdTimeVal;
 
+extern wdMutex timerMutex;
+
 // One armed timer. Times keep 64-bit seconds, so that timers work on either
 // side of 2038 whatever the width of the platform's time_t.
 typedef struct timerNode {
-  int id;
-  int arg;           // the module id in every use by the daemon
-  int interval;      // milliseconds; the period of a periodic timer
-  wdTimeVal expiry;  // microseconds below 1,000,000
-  wdTimerCallback callback;
-  struct timerNode* due;  // the next due one-shot timer within one pass
+  int id WD_GUARDED_BY(timerMutex);
+  int arg WD_GUARDED_BY(timerMutex);           // the module id in every use by the daemon
+  int interval WD_GUARDED_BY(timerMutex);      // milliseconds; the period of a periodic timer
+  wdTimeVal expiry WD_GUARDED_BY(timerMutex);  // microseconds below 1,000,000
+  wdTimerCallback callback WD_GUARDED_BY(timerMutex);
+  struct timerNode* due WD_GUARDED_BY(timerMutex);  // the next due one-shot timer within one pass
 } timerNode;
 
-extern timerList time_list;           // one-shot timers, in arming order
-extern timerList periodic_time_list;  // periodic timers, in arming order
-extern pthread_mutex_t timerMutex;
+extern timerList time_list WD_GUARDED_BY(timerMutex);           // one-shot timers, in arming order
+extern timerList periodic_time_list WD_GUARDED_BY(timerMutex);  // periodic timers, in arming order
 extern pthread_t timer_thread;
-extern int tmIdIndex;  // the last id given; guarded by timerMutex
+extern int tmIdIndex WD_GUARDED_BY(timerMutex);  // the last id given
 
 // Makes both lists empty and starts the timer thread (SCHED_RR, priority 75,
 // or default scheduling where real-time scheduling is refused). Called once
 // by main before any other service.
-void wd_timerInit(void);
+void wd_timerInit(void) WD_EXCLUDES(timerMutex);
 // The timer thread's body: a pass, then a wait of 100 ms, for ever.
 void* wd_timerProc(void* arg);
 // One pass of the timer thread for the time `now`: due one-shot timers are
@@ -51,7 +53,7 @@ void* wd_timerProc(void* arg);
 // while it holds it; calls without it. Periodic timers due beyond the room the
 // pass has (32 at first, grown to the list's size for the next pass) are
 // called in the next pass.
-void wd_timerPass(const wdTimeVal* now);
+void wd_timerPass(const wdTimeVal* now) WD_EXCLUDES(timerMutex);
 // The real-time clock (CLOCK_REALTIME) as seconds and microseconds; 0, or -1
 // when it cannot be read.
 int gettimeofday_n(wdTimeVal* tv);
@@ -61,22 +63,25 @@ void wd_timerSetClock(int (*clock)(wdTimeVal* tv));
 
 // Creating operations: a new timer id (1 or more), or -1 with
 // "Error: Can't start timer\n" / "Error: Can't start periodic timer\n".
-int wd_setDefaultTimer(int interval, int modId);   // one-shot, TIMER_EXPIRED
-int wd_setDefaultPTimer(int interval, int modId);  // periodic, TIMER_EXPIRED
-int wd_setPPPTimer(int interval, int modId);       // periodic, PPP_TIMER_EXPIRED
+// One-shot, TIMER_EXPIRED.
+int wd_setDefaultTimer(int interval, int modId) WD_EXCLUDES(timerMutex);
+// Periodic, TIMER_EXPIRED.
+int wd_setDefaultPTimer(int interval, int modId) WD_EXCLUDES(timerMutex);
+// Periodic, PPP_TIMER_EXPIRED.
+int wd_setPPPTimer(int interval, int modId) WD_EXCLUDES(timerMutex);
 // One-shot; event 10 (TX_CHECK_TIMEOUT) or 11 (TX_SAVE_TIMEOUT), else -1.
-int wd_setEventTimer(int interval, int modId, int event);
+int wd_setEventTimer(int interval, int modId, int event) WD_EXCLUDES(timerMutex);
 // Stop a one-shot or periodic timer; 0 also when no timer has that id.
-int wd_timerStop(int id);
-int wd_timerPStop(int id);
+int wd_timerStop(int id) WD_EXCLUDES(timerMutex);
+int wd_timerPStop(int id) WD_EXCLUDES(timerMutex);
 
 // Lower operations: arm with a given id (an armed timer with that id is moved
 // to the new expiry, keeping its interval); 0, or -1 when nothing could be
 // allocated. Removal of every timer with an id; always 0.
-int wd_addTimer(int id, int interval, wdTimerCallback callback, int arg);
-int wd_addPTimer(int id, int interval, wdTimerCallback callback, int arg);
-int wd_delTimer(int id);
-int wd_delPTimer(int id);
+int wd_addTimer(int id, int interval, wdTimerCallback callback, int arg) WD_EXCLUDES(timerMutex);
+int wd_addPTimer(int id, int interval, wdTimerCallback callback, int arg) WD_EXCLUDES(timerMutex);
+int wd_delTimer(int id) WD_EXCLUDES(timerMutex);
+int wd_delPTimer(int id) WD_EXCLUDES(timerMutex);
 
 // Callbacks: send their event (1, 12, 10, 11) to module `modId`; 0.
 int wd_sendModTimeout(int id, int modId);
