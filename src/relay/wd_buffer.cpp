@@ -18,7 +18,7 @@ uint32_t maxBufNum = 0;
 int32_t pppMsgNum = 0;
 uint8_t buffSaved = 0;
 uint64_t bufChanges = 0;
-pthread_mutex_t bufMutex = PTHREAD_MUTEX_INITIALIZER;
+wdMutex bufMutex = PTHREAD_MUTEX_INITIALIZER;
 
 std::atomic<uint8_t> dontSend{0};
 std::atomic<uint8_t> msgResend{0};
@@ -34,11 +34,11 @@ std::atomic<int> g_idebug{0};
 
 namespace {
 
-bool IsPpp(const wdBufNode* node) {
+bool IsPpp(const wdBufNode* node) WD_REQUIRES(bufMutex) {
   return node->obj != nullptr && node->obj->category == WD_CATEGORY_PPP;
 }
 
-wdBufNode* NewNode(wdBufList* list, wdBufMsgObj* obj) {
+wdBufNode* NewNode(wdBufList* list, wdBufMsgObj* obj) WD_REQUIRES(bufMutex) {
   wdBufNode* node = static_cast<wdBufNode*>(calloc(1, sizeof(wdBufNode)));
   if (node == nullptr) return nullptr;
   node->obj = obj;

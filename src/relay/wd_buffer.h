@@ -22,6 +22,9 @@
 
 #include <atomic>
 
+#include "wd_lock.h"
+#include "wd_timer.h"
+
 #define WD_FLASH_FILE "/data/syslogmsg"
 #define WD_SYSLOG_TX_PATH "/var/wdSyslogTx.chanl"
 #define WD_SYSLOG_RX_PATH "/var/wdSyslogRx.chanl"
@@ -35,75 +38,79 @@
 
 enum { WD_LINE_UNSENT = 1, WD_LINE_SENT = 2 };
 
+extern wdMutex bufMutex WD_ACQUIRED_BEFORE(timerMutex);
+
 // One report line, owned by its node.
 typedef struct wdBufMsgObj {
-  char msg[WD_LINE_SIZE];
-  int32_t seqNum;     // 1..30000
-  int32_t state;      // WD_LINE_UNSENT or WD_LINE_SENT
-  uint32_t category;  // report category; 6 = ppp
+  char msg[WD_LINE_SIZE] WD_GUARDED_BY(bufMutex);
+  int32_t seqNum WD_GUARDED_BY(bufMutex);     // 1..30000
+  int32_t state WD_GUARDED_BY(bufMutex);      // WD_LINE_UNSENT or WD_LINE_SENT
+  uint32_t category WD_GUARDED_BY(bufMutex);  // report category; 6 = ppp
 } wdBufMsgObj;
 
 typedef struct wdBufNode {
-  struct wdBufNode* next;  // towards the tail
-  struct wdBufNode* prev;  // towards the head
-  wdBufMsgObj* obj;
-  uint32_t bufNum;  // the list it was added to
+  struct wdBufNode* next WD_GUARDED_BY(bufMutex);  // towards the tail
+  struct wdBufNode* prev WD_GUARDED_BY(bufMutex);  // towards the head
+  wdBufMsgObj* obj WD_GUARDED_BY(bufMutex);
+  uint32_t bufNum WD_GUARDED_BY(bufMutex);  // the list it was added to
 } wdBufNode;
 
 typedef struct wdBufList {
-  int32_t objNum;
-  wdBufNode* head;
-  wdBufNode* tail;
-  uint32_t bufNum;
+  int32_t objNum WD_GUARDED_BY(bufMutex);
+  wdBufNode* head WD_GUARDED_BY(bufMutex);
+  wdBufNode* tail WD_GUARDED_BY(bufMutex);
+  uint32_t bufNum WD_GUARDED_BY(bufMutex);
 } wdBufList;
 
 // ---- Buffer (guarded by bufMutex) ----
-extern wdBufList* commBufList;
-extern int32_t maxSeqNum;
-extern uint32_t maxBufNum;
-extern int32_t pppMsgNum;
+// Set once by wd_bufInit before the relay's threads start; the list it points
+// to is guarded.
+extern wdBufList* commBufList WD_PT_GUARDED_BY(bufMutex);
+extern int32_t maxSeqNum WD_GUARDED_BY(bufMutex);
+extern uint32_t maxBufNum WD_GUARDED_BY(bufMutex);
+extern int32_t pppMsgNum WD_GUARDED_BY(bufMutex);
 // Set when a flash copy of the list is written (or being written), cleared
 // when the list empties and the copy is to be removed.
-extern uint8_t buffSaved;
+extern uint8_t buffSaved WD_GUARDED_BY(bufMutex);
 // Lines added to or removed from any list since start: what the flash copy
 // is compared with, and what orders its saves.
-extern uint64_t bufChanges;
-extern pthread_mutex_t bufMutex;
+extern uint64_t bufChanges WD_GUARDED_BY(bufMutex);
 
 // ---- Link state ----
-extern std::atomic<uint8_t> dontSend;    // 1: sending suspended
-extern std::atomic<uint8_t> msgResend;   // 1: a probe is due
-extern int32_t chkSeqNum;                // last probe's number, -1: none (bufMutex)
-extern std::atomic<int32_t> msgFailNum;  // failure answers since the last success
+extern std::atomic<uint8_t> dontSend;              // 1: sending suspended
+extern std::atomic<uint8_t> msgResend;             // 1: a probe is due
+extern int32_t chkSeqNum WD_GUARDED_BY(bufMutex);  // last probe's number, -1: none
+extern std::atomic<int32_t> msgFailNum;            // failure answers since the last success
 extern std::atomic<uint8_t> rxSocketReady;
 // 1: the next report line sent to syslog-ng carries the reload mark.
 extern std::atomic<int> sngReload;
-extern int32_t timerChkSyslog;     // check timer id (bufMutex)
-extern int32_t timerSaveSyslog;    // save timer id (bufMutex)
-extern int sockfd;                 // transmit socket of the moment
-extern int fdFromSyslog;           // receive socket
-extern std::atomic<int> g_idebug;  // relay trace switch
+extern int32_t timerChkSyslog WD_GUARDED_BY(bufMutex);   // check timer id
+extern int32_t timerSaveSyslog WD_GUARDED_BY(bufMutex);  // save timer id
+extern int sockfd;                                       // transmit socket of the moment
+extern int fdFromSyslog;                                 // receive socket
+extern std::atomic<int> g_idebug;                        // relay trace switch
 
 // ---- List operations; the caller holds bufMutex ----
-int bufListInit(wdBufList* list);
+int bufListInit(wdBufList* list) WD_REQUIRES(bufMutex);
 // A new unsent object with the next sequence number and a copy of the line
 // (at most 511 characters; a line end in it becomes a blank, so that no text
 // can make a line of its own on flash or at syslog-ng). Null when out of memory.
-wdBufMsgObj* bufCreateMsgObj(const char* line);
+wdBufMsgObj* bufCreateMsgObj(const char* line) WD_REQUIRES(bufMutex);
 // Appends; with the limit in force (waiveLimit 0) refuses the line when 500
 // other lines wait, and then sets *saveWanted: the list should go to flash.
 // 0, or -1 when refused.
-int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit, int* saveWanted);
+int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit, int* saveWanted)
+    WD_REQUIRES(bufMutex);
 // Inserts a ppp line after the leading run of ppp lines; refuses the 17th.
 // Sets *saveWanted when two or more ppp lines then wait. 0, or -1.
-int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj, int* saveWanted);
-wdBufNode* bufNodeSearch(wdBufList* list, int seqNum);
-wdBufNode* bufNodeSearchUnsent1st(wdBufList* list);
+int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj, int* saveWanted) WD_REQUIRES(bufMutex);
+wdBufNode* bufNodeSearch(wdBufList* list, int seqNum) WD_REQUIRES(bufMutex);
+wdBufNode* bufNodeSearchUnsent1st(wdBufList* list) WD_REQUIRES(bufMutex);
 // Unlinks and frees the node. When the list is empty afterwards and a flash
 // copy was written, clears buffSaved and sets *removeWanted: the copy should
 // be removed. 0, or -1 (null or empty list, null node, node of another list).
-int bufNodeDel(wdBufList* list, wdBufNode* node, int* removeWanted);
-int setBufAllUnsent(wdBufList* list);
-int printBufAll(wdBufList* list);
+int bufNodeDel(wdBufList* list, wdBufNode* node, int* removeWanted) WD_REQUIRES(bufMutex);
+int setBufAllUnsent(wdBufList* list) WD_REQUIRES(bufMutex);
+int printBufAll(wdBufList* list) WD_REQUIRES(bufMutex);
 
 #endif  // WATCHDOGD_RELAY_WD_BUFFER_H

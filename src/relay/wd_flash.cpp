@@ -28,9 +28,11 @@ constexpr const char* kFlashDir = "/data";
 // not restored.
 constexpr int kMaxRestoredLines = 1000;
 
-pthread_mutex_t gFlashMutex = PTHREAD_MUTEX_INITIALIZER;
-uint64_t gDone = 0;     // change count of the last save or removal carried out
-bool gOnFlash = false;  // the last one was a save: the file holds copy gDone
+wdMutex gFlashMutex = PTHREAD_MUTEX_INITIALIZER;
+// The change count of the last save or removal carried out.
+uint64_t gDone WD_GUARDED_BY(gFlashMutex) = 0;
+// The last one was a save: the file holds copy gDone.
+bool gOnFlash WD_GUARDED_BY(gFlashMutex) = false;
 
 // The three numbers of a header "%d#%d#%d"; missing ones stay 0.
 void ParseHeader(const char* text, long numbers[3]) {

@@ -27,18 +27,18 @@ typedef struct wdFlashCopy {
 } wdFlashCopy;
 
 // Copies `list` for a save and sets buffSaved. Caller holds bufMutex.
-void wd_flashTake(wdBufList* list, wdFlashCopy* copy);
+void wd_flashTake(wdBufList* list, wdFlashCopy* copy) WD_REQUIRES(bufMutex);
 
 // Writes `copy` to /data/syslogmsg, unless the file already holds it or a
 // newer copy (or a later removal) has been written. Through a fresh
 // temporary file, synced and renamed into place, the directory synced after.
 // 0 (written, or no write needed) or -1. Without bufMutex; any thread.
-int saveMsgToFlash(const wdFlashCopy* copy);
+int saveMsgToFlash(const wdFlashCopy* copy) WD_EXCLUDES(bufMutex);
 
 // Removes /data/syslogmsg for a buffer that became empty at change count
 // `changes` (from bufNodeDel), unless a later copy has been written since.
 // Without bufMutex.
-void wd_flashRemove(uint64_t changes);
+void wd_flashRemove(uint64_t changes) WD_EXCLUDES(bufMutex);
 
 // Restores /data/syslogmsg through `push` (restored lines, without the
 // buffer's limits), then removes the file with "rm". Returns the result of

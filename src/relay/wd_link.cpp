@@ -49,7 +49,7 @@ struct Outgoing {
 };
 
 // Formats the node's line into `out` and marks it sent. Caller holds bufMutex.
-void Format(wdBufNode* node, Outgoing* out) {
+void Format(wdBufNode* node, Outgoing* out) WD_REQUIRES(bufMutex) {
   memset(out->datagram, 0, sizeof out->datagram);
   int reload = sngReload.exchange(0);
   snprintf(out->datagram, sizeof out->datagram, "%d#%s#%d", reload, node->obj->msg,
@@ -61,14 +61,15 @@ void Format(wdBufNode* node, Outgoing* out) {
 }
 
 // The line went nowhere: unsent again, if it is still in the buffer.
-void PutBack(int seqNum) {
+void PutBack(int seqNum) WD_EXCLUDES(bufMutex) {
   wdLock lock(&bufMutex);
   wdBufNode* node = bufNodeSearch(commBufList, seqNum);
   if (node != nullptr && node->obj != nullptr) node->obj->state = WD_LINE_UNSENT;
 }
 
 // Sends one formatted line on a fresh socket. Without bufMutex.
-void Send(const Outgoing& out, const char* traceFormat, const char* sendError) {
+void Send(const Outgoing& out, const char* traceFormat, const char* sendError)
+    WD_EXCLUDES(bufMutex) {
   sockfd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr = PathAddr(WD_SYSLOG_TX_PATH);
   if (connect(sockfd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
@@ -93,12 +94,12 @@ void Send(const Outgoing& out, const char* traceFormat, const char* sendError) {
 }
 
 // Stops timer `*id` and arms it anew. Caller holds bufMutex.
-void Rearm(int32_t* id, int ms, int event) {
+void Rearm(int32_t* id, int ms, int event) WD_REQUIRES(bufMutex) {
   wd_timerStop(*id);
   *id = wd_setEventTimer(ms, MOD_MSG_RESEND, event);
 }
 
-void ProbeTick() {
+void ProbeTick() WD_EXCLUDES(bufMutex) {
   msgResend = 0;
   Outgoing out;
   bool have = false;
@@ -117,7 +118,7 @@ void ProbeTick() {
   wd_bufRearmCheck();
 }
 
-void NormalTick() {
+void NormalTick() WD_EXCLUDES(bufMutex) {
   Outgoing out;
   bool have = false;
   {
@@ -143,7 +144,7 @@ bool ParseAnswer(const char* text, int* seq, int* result) {
 }
 
 // Acts on one answer. Receive thread.
-void OnAnswer(int seq, int result) {
+void OnAnswer(int seq, int result) WD_EXCLUDES(bufMutex) {
   wdFlashCopy copy{};
   bool save = false;
   int removeCopy = 0;

@@ -8,6 +8,8 @@
 #ifndef WATCHDOGD_RELAY_WD_LINK_H
 #define WATCHDOGD_RELAY_WD_LINK_H
 
+#include "wd_buffer.h"
+
 // Waits (30 s, then every 30 s) until syslog-ng takes a connect on the
 // transmit path. Main thread, at start-up.
 void wd_connectSyslogNG(void);
@@ -16,7 +18,6 @@ void* wd_bufTxHandler(void* arg);
 void* wd_bufRxHandler(void* arg);
 void* wd_bufResendHandler(void* arg);
 // Stops the check timer and arms it again (30000 ms, TX_CHECK_TIMEOUT).
-// Caller holds bufMutex.
-void wd_bufRearmCheck(void);
+void wd_bufRearmCheck(void) WD_REQUIRES(bufMutex);
 
 #endif  // WATCHDOGD_RELAY_WD_LINK_H

@@ -21,11 +21,15 @@
 #include "wd_flash.h"
 #include "wd_lock.h"
 
-char macAddr[13];
-
 namespace {
 
-pthread_mutex_t gMacMutex = PTHREAD_MUTEX_INITIALIZER;
+wdMutex gMacMutex = PTHREAD_MUTEX_INITIALIZER;
+
+}  // namespace
+
+char macAddr[13] WD_GUARDED_BY(gMacMutex);
+
+namespace {
 
 constexpr const char* kCategories[] = {
     "infgen", "infcxn", "infprc",   "infcnt",  "infcnx", "shell", "ppp",      "arp",  "rip",
@@ -35,8 +39,7 @@ constexpr off_t kMrdOffset = 0x1FF00;
 constexpr size_t kMrdSize = 255;
 constexpr size_t kMacOffset = 72;
 
-// Caller holds gMacMutex.
-int InitDataLocked() {
+int InitDataLocked() WD_REQUIRES(gMacMutex) {
   memset(macAddr, 0, sizeof macAddr);
   snprintf(macAddr, sizeof macAddr, "000000000000");
   unsigned char record[kMrdSize + 1];
@@ -107,7 +110,7 @@ namespace {
 
 // Creates the object, adds it, and frees it again when the add refused it;
 // writes the flash copy when the add asks for it, after releasing bufMutex.
-int Push(const char* line, uint32_t category, bool limits) {
+int Push(const char* line, uint32_t category, bool limits) WD_EXCLUDES(bufMutex) {
   wdFlashCopy copy{};
   int saveWanted = 0;
   int rc;

@@ -9,14 +9,17 @@
 
 #include <stdint.h>
 
+#include "wd_buffer.h"
+
 // The gateway's MAC address as twelve lower-case hex digits: empty until the
-// first wd_initData, "000000000000" while the flash cannot be read.
+// first wd_initData, "000000000000" while the flash cannot be read. Read and
+// written under the identity lock of wd_syslog.cpp.
 extern char macAddr[13];
 
 // Builds the report line for `text` in `category` (0..16; above: empty
 // category text) and hands it to the buffer (wd_syslogPushFormat). 0 when the
 // buffer took it, -1 when it refused it. Any thread.
-int wd_syslogStr(uint32_t category, const char* text);
+int wd_syslogStr(uint32_t category, const char* text) WD_EXCLUDES(bufMutex);
 // (Re)reads the identity from the MRD record; 1 on success, 0 on failure.
 int wd_initData(void);
 // Reads the 255-byte MRD record at 0x1FF00 of /dev/mtd0; 1 when all came.
@@ -25,8 +28,8 @@ int MRDread(unsigned char* buf);
 // Puts a report line into the buffer, within its limits (500 other lines, 16
 // ppp lines), and writes the flash copy when the buffer asks for it. 0 when
 // taken, -1 when refused. Takes bufMutex; writes the copy after releasing it.
-int wd_syslogPushFormat(const char* line, uint32_t category);
+int wd_syslogPushFormat(const char* line, uint32_t category) WD_EXCLUDES(bufMutex);
 // The same for a line restored from flash: appended, never refused.
-int wd_syslogPush(const char* line, uint32_t category);
+int wd_syslogPush(const char* line, uint32_t category) WD_EXCLUDES(bufMutex);
 
 #endif  // WATCHDOGD_RELAY_WD_SYSLOG_H

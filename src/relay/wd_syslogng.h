@@ -6,14 +6,16 @@
 #ifndef WATCHDOGD_RELAY_WD_SYSLOGNG_H
 #define WATCHDOGD_RELAY_WD_SYSLOGNG_H
 
+#include "wd_buffer.h"
+
 // 1 when /var/run/syslog-ng.pid names another process than last time. The
 // first process seen is remembered, not taken for a restart. Transmit thread,
 // with bufMutex held.
-int SyslogngRestart(void);
+int SyslogngRestart(void) WD_REQUIRES(bufMutex);
 // Lists syslog-ng with the gateway's ps and restarts it (RestartSysklogng)
 // when its memory column reads 4501 or more. Returns 1 when it restarted it,
 // else 0. Transmit thread, without bufMutex (it waits for programs).
-int checkSyslogngMemory(void);
+int checkSyslogngMemory(void) WD_EXCLUDES(bufMutex);
 // Kills syslog-ng, copies the template /etc/syslog-ng.conf to
 // /var/syslog-ng.conf, appends the destination and log statement from
 // Watchdog_Common, and starts syslog-ng on it when the feature is enabled.
@@ -29,6 +31,6 @@ void fileRead(const char* path, char* buf, int size);
 // out (the transmit thread, at its next wake-up).
 void TriggerDebugFlag(int sig);
 void DumpList(int sig);
-void wd_bufServeSignals(void);
+void wd_bufServeSignals(void) WD_EXCLUDES(bufMutex);
 
 #endif  // WATCHDOGD_RELAY_WD_SYSLOGNG_H
