@@ -18,12 +18,7 @@
 
 wdSubModEntry gSubMod[WD_MOD_NUM];
 std::atomic<int> maxNumFd{0};
-
-namespace {
-
-pthread_mutex_t gChanlLock = PTHREAD_MUTEX_INITIALIZER;
-
-}  // namespace
+wdMutex gChanlLock = PTHREAD_MUTEX_INITIALIZER;
 
 void wd_chanlAddr(int modId, sockaddr_un* addr) {
   memset(addr, 0, sizeof *addr);

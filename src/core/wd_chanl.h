@@ -14,11 +14,16 @@
 
 #include <atomic>
 
+#include "wd_lock.h"
 #include "wd_wire.h"
 
 #define WD_CHANL_PATH_SIZE 32
 
 typedef void* (*wdModHandler)(void*);
+
+// Serialises the making and the removal of channel sockets and guards the
+// entries' fdSet.
+extern wdMutex gChanlLock;
 
 // One entry of the module table. Fields that several threads touch at once are
 // atomic; chanlPath and handler are written at start-up before any thread reads
@@ -28,7 +33,7 @@ typedef struct wdSubModEntry {
   std::atomic<pthread_t> threadId;  // 0 when no thread runs
   char chanlPath[WD_CHANL_PATH_SIZE];
   std::atomic<int> fd;  // published channel socket; 0 when the module has none
-  fd_set fdSet;
+  fd_set fdSet WD_GUARDED_BY(gChanlLock);
   wdModHandler handler;
   std::atomic<uint32_t> timer;  // period in seconds; 0 when not configured
 } wdSubModEntry;
@@ -51,15 +56,15 @@ typedef struct wdChanl {
 // bind is still published and returned after a message on standard error.
 // Returns -1, with a message on the debug console and nothing published, when
 // no usable socket can be made at all.
-int wd_estFdChanl(int modId);
+int wd_estFdChanl(int modId) WD_EXCLUDES(gChanlLock);
 
 // Opens the channel of `modId` for the calling thread (wd_estFdChanl) and puts
 // it alone into the entry's fdSet. 0, or -1 when no channel could be made.
-int wd_chanlOpen(int modId, wdChanl* ch);
+int wd_chanlOpen(int modId, wdChanl* ch) WD_EXCLUDES(gChanlLock);
 // Closes the channel. When it is still the module's published channel, the
 // entry's fd and fdSet are cleared and its path is removed; a channel that a
 // later thread of the same module has replaced is left to that thread.
-void wd_chanlClose(wdChanl* ch);
+void wd_chanlClose(wdChanl* ch) WD_EXCLUDES(gChanlLock);
 
 enum wdWaitResult { WD_WAIT_READY, WD_WAIT_ERROR, WD_WAIT_TIMEOUT, WD_WAIT_NOT_SET };
 // Waits without time limit until `ch` is readable: select over maxNumFd + 1

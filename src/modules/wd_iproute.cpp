@@ -15,7 +15,7 @@
 #include "wd_timer.h"
 
 std::atomic<uint8_t> keepRunThread{0};
-pthread_mutex_t thread_mutex = PTHREAD_MUTEX_INITIALIZER;
+wdMutex thread_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
@@ -37,7 +37,9 @@ const wdModLoopText kText = {
     {"Receieved 0 bytes!", WD_SAY_TRACE},
 };
 
-void SetKeepRunning(uint8_t value) { keepRunThread.store(value, std::memory_order_relaxed); }
+void SetKeepRunning(uint8_t value) WD_REQUIRES(thread_mutex) {
+  keepRunThread.store(value, std::memory_order_relaxed);
+}
 
 // Waits for the monitor thread to end, when there is one.
 void JoinMonitor(IpRoute* r) {

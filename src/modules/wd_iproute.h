@@ -14,12 +14,14 @@
 
 #include <atomic>
 
+#include "wd_lock.h"
+
 // 1 while the monitor thread is to keep running. Written only by the module
 // thread, under thread_mutex; read by the monitor thread between polls.
 extern std::atomic<uint8_t> keepRunThread;
 // Held by the module thread while it changes keepRunThread and while it waits
 // for the monitor thread to end. The monitor thread never takes it.
-extern pthread_mutex_t thread_mutex;
+extern wdMutex thread_mutex;
 
 // How long the monitor thread waits on its socket between two polls, in
 // milliseconds: the longest it takes to see a cleared keepRunThread.

@@ -23,7 +23,7 @@
 
 namespace {
 
-pthread_mutex_t gStartLock = PTHREAD_MUTEX_INITIALIZER;
+wdMutex gStartLock = PTHREAD_MUTEX_INITIALIZER;
 
 bool Unset(const char* value) { return value[0] == '\0' || strcmp(value, "0") == 0; }
 
