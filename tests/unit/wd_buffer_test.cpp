@@ -30,11 +30,13 @@ class BufferTest : public ::testing::Test {
   // Removes the line numbered `seq`, as its acknowledgement does.
   int Ack(int seq) {
     int remove = 0, rc;
+    uint64_t changes;
     {
       wdLock lock(&bufMutex);
       rc = bufNodeDel(&list_, bufNodeSearch(&list_, seq), &remove);
+      changes = bufChanges;
     }
-    if (remove) wd_flashRemove(bufChanges);
+    if (remove) wd_flashRemove(changes);
     return rc;
   }
   // Saves the buffer, as the save timer does; returns the console text.
@@ -57,6 +59,11 @@ class BufferTest : public ::testing::Test {
     return testing::internal::GetCapturedStderr();
   }
 
+  static void SetSeq(int32_t seq) {
+    wdLock lock(&bufMutex);
+    maxSeqNum = seq;
+  }
+
   ScopedBuffer buffer_;
   wdBufList& list_ = buffer_.list;
 };
@@ -73,15 +80,15 @@ TEST_F(BufferTest, PppLinesGoFirstInTheirOwnOrderAndTheSecondWritesFlash) {
 }
 
 TEST_F(BufferTest, LimitsNumbersAndSearches) {
-  maxSeqNum = 29999;
+  SetSeq(29999);
   for (int i = 0; i < 500; ++i) ASSERT_EQ(Push("line " + std::to_string(i), 3), 0);
   EXPECT_EQ(Push("one too many", 3), -1);
   EXPECT_EQ(Slurp(WD_FLASH_FILE).substr(0, 9), "500#499#0") << "a refusal writes the copy";
   for (int i = 0; i < 16; ++i) ASSERT_EQ(Push("ppp " + std::to_string(i), 6), 0);
   EXPECT_EQ(Push("17th ppp", 6), -1);
   EXPECT_EQ(wd_syslogPush("restored ppp", 6), 0) << "restored lines are never refused";
-  EXPECT_EQ(pppMsgNum, 17);
   wdLock lock(&bufMutex);
+  EXPECT_EQ(pppMsgNum, 17);
   EXPECT_EQ(list_.objNum, 517);
   EXPECT_EQ(list_.tail->obj->category, 6u) << "and stay at the tail";
   EXPECT_EQ(list_.tail->obj->seqNum, 518) << "30000, 1, ...: refused numbers are not reused";
@@ -110,7 +117,10 @@ TEST_F(BufferTest, CopyIsWrittenForEveryChangeAndGoneWithTheLastLine) {
   EXPECT_TRUE(Exists(WD_FLASH_FILE));
   Ack(1);
   EXPECT_FALSE(Exists(WD_FLASH_FILE)) << "every line acknowledged";
-  EXPECT_EQ(buffSaved, 0);
+  {
+    wdLock lock(&bufMutex);
+    EXPECT_EQ(buffSaved, 0);
+  }
 
   std::ofstream(WD_FLASH_FILE) << "not ours\n";
   Push("d", 3);
@@ -148,7 +158,10 @@ TEST_F(BufferTest, LoaderRestoresLinesRenumberedAndRemovesTheFile) {
             "buf=my.app.wd.ppp.x: 1|PPP_DOWN_RESET#6\nbuf=my.app.wd.route.x: 2|table#16\n");
   EXPECT_EQ(Lines(), (std::vector<std::string>{"1:my.app.wd.ppp.x: 1|PPP_DOWN_RESET:6",
                                                "2:my.app.wd.route.x: 2|table:16"}));
-  EXPECT_EQ(pppMsgNum, 1);
+  {
+    wdLock lock(&bufMutex);
+    EXPECT_EQ(pppMsgNum, 1);
+  }
   EXPECT_FALSE(Exists(WD_FLASH_FILE));
   buffer_.Clear();
   unlink(WD_FLASH_FILE);
@@ -178,7 +191,7 @@ TEST_F(BufferTest, LoaderSurvivesDamagedCopies) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file.substr(0, 60));
     buffer_.Clear();
-    maxSeqNum = 0;
+    SetSeq(0);
     Load(c.file);
     EXPECT_EQ(Lines(), c.lines);
     EXPECT_FALSE(Exists(WD_FLASH_FILE));
@@ -186,6 +199,7 @@ TEST_F(BufferTest, LoaderSurvivesDamagedCopies) {
   buffer_.Clear();
   EXPECT_NE(Load(many).find("loadMsgToWDBuf: more than 1000 lines, the rest is not restored\n"),
             std::string::npos);
+  wdLock lock(&bufMutex);
   EXPECT_EQ(list_.objNum, 1000);
 }
 

@@ -65,6 +65,7 @@ TEST_F(PppoeTest, ResetCommitsOnlyAPppoeConnectionAndAlarmsSayNullForTheUnseen) 
   memset(interface_status, 'f', 255);
   memset(addr_6backup, 'a', 39);
   mod_pppoe_AlarmSyslog("PRIV_IP");
+  wdLock lock(&bufMutex);
   std::string first = buffer_.list.head->obj->msg, second = buffer_.list.tail->obj->msg;
   EXPECT_EQ(first.substr(first.find('|') + 1), "PPP_DOWN_NO_RESET|null|null|null");
   EXPECT_EQ(second.substr(second.find('|') + 1),

@@ -13,7 +13,14 @@ namespace {
 class SyslogLineTest : public ::testing::Test {
  protected:
   void TearDown() override { debuglevel = 0; }
-  std::string Tail() { return list_.tail ? list_.tail->obj->msg : ""; }
+  std::string Tail() {
+    wdLock lock(&bufMutex);
+    return list_.tail ? list_.tail->obj->msg : "";
+  }
+  static void SetPppLines(int n) {
+    wdLock lock(&bufMutex);
+    pppMsgNum = n;
+  }
   ScopedBuffer buffer_;
   wdBufList& list_ = buffer_.list;
 };
@@ -40,9 +47,9 @@ TEST_F(SyslogLineTest, LineFormsWithTheIdentityFromTheMrdRecord) {
   EXPECT_EQ(Tail().rfind("my.app.wd..0a1b2c3d4e5f: ", 0), 0u) << Tail();
   wd_syslogStr(3, std::string(600, 'z').c_str());
   EXPECT_EQ(Tail().size(), 511u);
-  pppMsgNum = 16;
+  SetPppLines(16);
   EXPECT_EQ(wd_syslogStr(6, "refused"), -1) << "the buffer's refusal is passed back";
-  pppMsgNum = 0;
+  SetPppLines(0);
 }
 
 TEST_F(SyslogLineTest, AShortRecordFailsAndEveryReportRetriesUntilItReads) {
@@ -70,7 +77,7 @@ TEST(NoFlashDevice, EveryReportRetriesAndGoesOutWithZeros) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "open mtd device (MRD) error!!\nFail to get MRD information!\n"
             "open mtd device (MRD) error!!\nFail to get MRD information!\n");
-  EXPECT_EQ(std::string(buffer.list.tail->obj->msg).rfind("my.app.wd.arp.000000000000: ", 0), 0u);
+  EXPECT_EQ(buffer.Lines().back().rfind("my.app.wd.arp.000000000000: ", 0), 0u);
 }
 
 constexpr int64_t k2040 = 2208988800;  // 2040-01-01 00:00:00 UTC
@@ -81,7 +88,7 @@ int Fired(int, int) { return gFired++; }
 TEST(Past2038, ReportLinesCarryTheTrueSecondsAndTimersStillFire) {
   ScopedBuffer buffer;
   ASSERT_EQ(wd_syslogStr(16, "route"), 0);
-  std::string line = buffer.list.tail->obj->msg;
+  std::string line = buffer.Lines().back();
   long long stamp = std::stoll(line.substr(line.find(": ") + 2));
   EXPECT_TRUE(stamp >= k2040 && stamp < k2040 + 3600) << line;
   wd_timerInit();

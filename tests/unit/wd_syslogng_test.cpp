@@ -35,6 +35,7 @@ class SyslogNgTest : public ::testing::Test {
 };
 
 TEST_F(SyslogNgTest, RestartDetectionFollowsThePidFile) {
+  wdLock lock(&bufMutex);  // as the transmit thread calls it
   testing::internal::CaptureStderr();
   EXPECT_EQ(SyslogngRestart(), 0);
   Write("/var/run/syslog-ng.pid", "1234\n");

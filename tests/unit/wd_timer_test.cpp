@@ -43,15 +43,21 @@ class TimerTest : public ::testing::Test {
     wdTimeVal now = {sec, static_cast<int32_t>(usec)};
     wd_timerPass(&now);
   }
-  static timerNode* First(timerList* list) {
-    return static_cast<timerNode*>(timer_list_get(list, 0));
+  // The first timer's expiry and interval.
+  static wdTimeVal Expiry(timerList* list) {
+    wdLock lock(&timerMutex);
+    return static_cast<timerNode*>(timer_list_get(list, 0))->expiry;
+  }
+  static int Interval(timerList* list) {
+    wdLock lock(&timerMutex);
+    return static_cast<timerNode*>(timer_list_get(list, 0))->interval;
   }
 };
 
 TEST_F(TimerTest, OneShotExpiryArithmeticAndDueRule) {
   ASSERT_EQ(wd_addTimer(1, 250, Record, 7), 0);
-  EXPECT_EQ(First(&time_list)->expiry.tv_sec, 11);
-  EXPECT_EQ(First(&time_list)->expiry.tv_usec, 150000);
+  EXPECT_EQ(Expiry(&time_list).tv_sec, 11);
+  EXPECT_EQ(Expiry(&time_list).tv_usec, 150000);
   PassAt(11, 149999);
   EXPECT_TRUE(gCalls.empty());
   PassAt(11, 150000);
@@ -60,13 +66,13 @@ TEST_F(TimerTest, OneShotExpiryArithmeticAndDueRule) {
 
   gNow = {100, 999999};
   ASSERT_EQ(wd_addTimer(2, 2001, Record, 0), 0);
-  EXPECT_EQ(First(&time_list)->expiry.tv_sec, 103);
-  EXPECT_EQ(First(&time_list)->expiry.tv_usec, 999);
+  EXPECT_EQ(Expiry(&time_list).tv_sec, 103);
+  EXPECT_EQ(Expiry(&time_list).tv_usec, 999);
   gNow = {150, 0};
   ASSERT_EQ(wd_addTimer(2, 3000, Record, 2), 0) << "an armed id moves, keeping its interval";
   ASSERT_EQ(timer_list_size(&time_list), 1);
-  EXPECT_EQ(First(&time_list)->expiry.tv_sec, 153);
-  EXPECT_EQ(First(&time_list)->interval, 2001);
+  EXPECT_EQ(Expiry(&time_list).tv_sec, 153);
+  EXPECT_EQ(Interval(&time_list), 2001);
 }
 
 TEST_F(TimerTest, PeriodicTimersMoveOnFromThePassThatFiredThem) {
@@ -74,8 +80,8 @@ TEST_F(TimerTest, PeriodicTimersMoveOnFromThePassThatFiredThem) {
   ASSERT_EQ(wd_addPTimer(3, 1000, Record, 4), 0);
   ASSERT_EQ(wd_addPTimer(4, 0, Record, 0), 0);
   PassAt(1, 50000);
-  EXPECT_EQ(First(&periodic_time_list)->expiry.tv_sec, 2);
-  EXPECT_EQ(First(&periodic_time_list)->expiry.tv_usec, 50000);
+  EXPECT_EQ(Expiry(&periodic_time_list).tv_sec, 2);
+  EXPECT_EQ(Expiry(&periodic_time_list).tv_usec, 50000);
   PassAt(2, 0);
   PassAt(9, 0);  // late by many periods: still once
   EXPECT_EQ(gCalls, (std::vector<std::string>{"3:4", "4:0", "4:0", "3:4", "4:0"}));
@@ -98,7 +104,11 @@ TEST_F(TimerTest, OneShotsInArmingOrderThenPeriodicOnesAndManyDueAtOnce) {
 }
 
 TEST_F(TimerTest, IdsStopsAndFailedArming) {
-  int base = tmIdIndex;
+  int base;
+  {
+    wdLock lock(&timerMutex);
+    base = tmIdIndex;
+  }
   int a = wd_setDefaultTimer(1000, MOD_SAMPLE);
   int b = wd_setDefaultPTimer(1000, MOD_SAMPLE);
   EXPECT_EQ(std::vector<int>({a, b}), std::vector<int>({base + 1, base + 2}));
