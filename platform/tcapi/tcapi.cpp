@@ -21,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -123,8 +124,11 @@ bool WriteTree(const std::vector<Node>& tree) {
     for (const auto& attr : node.attrs)
       text += attr.first + "=" + Escape(attr.second.c_str()) + "\n";
   }
+  // Made anew under the writers' lock, never through a link at its name, and
+  // readable by its owner alone: the tree holds the management credentials.
   const char* tmp = TCAPI_TREE_PATH ".tmp";
-  int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  unlink(tmp);
+  int fd = open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) return false;
   bool ok = WriteAll(fd, text) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
@@ -152,6 +156,17 @@ class TreeLock {
  private:
   int fd_;
 };
+
+// Removes every attribute named `name`; true when there was one.
+bool EraseAttr(std::vector<std::pair<std::string, std::string>>& attrs, const char* name) {
+  size_t before = attrs.size();
+  attrs.erase(std::remove_if(attrs.begin(), attrs.end(),
+                             [name](const std::pair<std::string, std::string>& a) {
+                               return a.first == name;
+                             }),
+              attrs.end());
+  return attrs.size() != before;
+}
 
 Node* FindNode(std::vector<Node>& tree, const char* name) {
   for (Node& node : tree) {
@@ -206,21 +221,16 @@ extern "C" int tcapi_unset(const char* node, const char* attr) {
   TreeLock lock;
   if (!lock.held()) return -1;
   std::vector<Node> tree = ReadTree();
+  // A damaged tree may name a node or an attribute twice: every copy goes,
+  // so that nothing of it reads back afterwards.
   bool removed = false;
-  for (size_t i = 0; i < tree.size(); ++i) {
+  for (size_t i = tree.size(); i-- > 0;) {
     if (tree[i].name != node) continue;
     if (attr == nullptr) {
       tree.erase(tree.begin() + static_cast<long>(i));
       removed = true;
-      break;
-    }
-    auto& attrs = tree[i].attrs;
-    for (size_t j = 0; j < attrs.size(); ++j) {
-      if (attrs[j].first == attr) {
-        attrs.erase(attrs.begin() + static_cast<long>(j));
-        removed = true;
-        break;
-      }
+    } else {
+      removed = EraseAttr(tree[i].attrs, attr) || removed;
     }
   }
   if (!removed) return -1;
@@ -240,7 +250,7 @@ extern "C" int tcapi_take(const char* node, const char* attr, char* buf, size_t 
   for (size_t i = 0; i < attrs.size(); ++i) {
     if (attrs[i].first != attr) continue;
     snprintf(buf, size, "%s", attrs[i].second.c_str());
-    attrs.erase(attrs.begin() + static_cast<long>(i));
+    EraseAttr(attrs, attr);  // with its copies in a damaged tree: taken once
     return WriteTree(tree) ? 0 : -1;
   }
   return -1;
