@@ -57,7 +57,10 @@ static inline unsigned char* wdCmdData(wdCmdMsg* msg) {
 }
 
 // Creates a Unix datagram socket bound to `path` (replacing a stale socket
-// file) and fills `addr` with its address. Returns the descriptor, or -1.
+// file) and fills `addr` with its address. When another process takes the
+// name between the removal and the bind, the socket is bound under a name
+// beside it whose file is then renamed to `path`. Returns the descriptor, or
+// -1.
 int WDSockInit(const char* path, struct sockaddr_un* addr);
 
 // Receives one command datagram on `fd`. `*msg` must point to a block from

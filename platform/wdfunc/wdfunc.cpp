@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tcapi.h"
@@ -22,6 +23,33 @@ bool FillAddr(const char* path, sockaddr_un* addr) {
   return true;
 }
 
+// Binds `fd` under a name beside `path` that no other process can know in
+// advance, and renames the socket file over whatever stands at `path`.
+int BindBeside(int fd, const char* path) {
+  for (unsigned attempt = 0; attempt < 8; ++attempt) {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    unsigned long long tag = (static_cast<unsigned long long>(now.tv_nsec) << 24) ^
+                             static_cast<unsigned long long>(now.tv_sec) ^
+                             (static_cast<unsigned long long>(getpid()) << 40) ^ attempt;
+    sockaddr_un temp;
+    char name[sizeof temp.sun_path];
+    if (snprintf(name, sizeof name, "%s.%llx", path, tag) >= static_cast<int>(sizeof name) ||
+        !FillAddr(name, &temp))
+      return -1;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&temp), sizeof temp) != 0) {
+      if (errno == EADDRINUSE) continue;
+      return -1;
+    }
+    if (rename(name, path) == 0) return 0;
+    int saved = errno;
+    unlink(name);
+    errno = saved;
+    return -1;
+  }
+  return -1;
+}
+
 }  // namespace
 
 extern "C" int WDSockInit(const char* path, struct sockaddr_un* addr) {
@@ -29,7 +57,11 @@ extern "C" int WDSockInit(const char* path, struct sockaddr_un* addr) {
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
   unlink(path);
-  if (bind(fd, reinterpret_cast<sockaddr*>(addr), sizeof *addr) != 0) {
+  int rc = bind(fd, reinterpret_cast<sockaddr*>(addr), sizeof *addr);
+  // Another process took the name between the removal and the bind, as any
+  // process can under the world-writable /tmp.
+  if (rc != 0 && errno == EADDRINUSE) rc = BindBeside(fd, path);
+  if (rc != 0) {
     int saved = errno;
     close(fd);
     errno = saved;
