@@ -3,9 +3,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -92,7 +95,21 @@ int wd_runShell(const char* command, int outFd) {
   return wd_run(argv, outFd, -1);
 }
 
-int wd_createFresh(const char* path) {
+int wd_createFresh(const char* path, mode_t mode) {
   unlink(path);
-  return open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+  if (fd >= 0 || errno != EEXIST) return fd;
+  // Another process took the name between the removal and the creation, as
+  // any process can under the world-writable /tmp: the file is made under a
+  // name of its own and renamed over whatever stands there, in one step.
+  char temp[PATH_MAX];
+  if (snprintf(temp, sizeof temp, "%s.XXXXXX", path) >= static_cast<int>(sizeof temp)) return -1;
+  fd = mkostemp(temp, O_CLOEXEC);
+  if (fd < 0) return -1;
+  if (fchmod(fd, mode) != 0 || rename(temp, path) != 0) {
+    unlink(temp);
+    close(fd);
+    return -1;
+  }
+  return fd;
 }

@@ -1,13 +1,14 @@
 // Programs the daemon starts, and the files their output goes to.
 //
-// Every program of the daemon (the pid file's shell line, ifconfig, ping,
-// nslookup, ps, cp, rm, syslog-ng) starts through wd_run: whatever thread
+// Every program of the daemon (ifconfig, ping, nslookup, ps, cp, rm,
+// syslog-ng and the fixed shell lines) starts through wd_run: whatever thread
 // starts it (a real-time relay thread, a module thread with SIGUSR1/SIGUSR2
 // blocked), the program gets the default signal mask and dispositions,
 // default scheduling, and none of the daemon's descriptors but 0 to 2.
 #ifndef WATCHDOGD_CORE_WD_PROC_H
 #define WATCHDOGD_CORE_WD_PROC_H
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 // Runs `argv[0]` (looked up in PATH) with `argv` (null-terminated) and waits
@@ -29,8 +30,9 @@ int wd_runShellPipe(const char* command, pid_t* pid);
 int wd_reap(pid_t pid, int killGroup);
 
 // Removes whatever stands at `path` and creates the file anew: exclusively,
-// never through a symbolic link, mode 0600, open for reading and writing.
-// Returns the descriptor (close-on-exec), or -1.
-int wd_createFresh(const char* path);
+// never through a symbolic link, with `mode`, open for reading and writing.
+// When another process takes the name in between, the file is made beside it
+// and renamed over it. Returns the descriptor (close-on-exec), or -1.
+int wd_createFresh(const char* path, mode_t mode = S_IRUSR | S_IWUSR);
 
 #endif  // WATCHDOGD_CORE_WD_PROC_H

@@ -105,14 +105,16 @@ void showProcessStatus(void) {
   snprintf(path, sizeof path, "%s/tmp_ps", "/var/wd_tmp");
   snprintf(command, sizeof command, "ps > %s", path);
   // The line above is what runs; ps starts without a shell, its output in a
-  // file made anew.
+  // file made anew and read back through the same descriptor.
+  FILE* f = nullptr;
   int fd = wd_createFresh(path);
   if (fd >= 0) {
     const char* const argv[] = {"ps", nullptr};
     wd_run(argv, fd, -1);
-    close(fd);
+    lseek(fd, 0, SEEK_SET);
+    f = fdopen(fd, "r");
+    if (f == nullptr) close(fd);
   }
-  FILE* f = Open(path);
   char text[kLine];
   mod_processStatusText(f, text, sizeof text);
   Close(f);
