@@ -44,10 +44,36 @@ void ReserveStdDescriptors() {
   }
 }
 
+// The pid and a line end, as "echo PID > FILE" writes them; the file is made
+// anew, so a link planted at its name is replaced, never written through.
 void WritePidFile() {
-  char cmd[128];
-  snprintf(cmd, sizeof cmd, "echo %d > /var/run/qorv_watchdogd.pid\n", static_cast<int>(getpid()));
-  wd_runShell(cmd, -1);
+  char text[32];
+  int n = snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
+  int fd = wd_createFresh("/var/run/qorv_watchdogd.pid", 0644);
+  if (fd < 0) return;
+  ssize_t ignored = write(fd, text, static_cast<size_t>(n));
+  (void)ignored;
+  close(fd);
+}
+
+// The work directory: a link or file standing at its name (the directory
+// already there is kept) is replaced by a directory of the daemon's own.
+void MakeWorkDirectory() {
+  const char* dir = "/var/wd_tmp";
+  mkdir(dir, 0777);
+  struct stat st;
+  if (lstat(dir, &st) == 0 && !S_ISDIR(st.st_mode) && unlink(dir) == 0) mkdir(dir, 0777);
+}
+
+// Only a socket of the daemon's own user (the asker's; no other user can
+// write to the command socket) may take a reply: never a link planted at
+// the reply path, nor another user's socket bound there.
+bool ReplySocketIsOurs() {
+  struct stat st;
+  if (lstat(WD_RESULT_SOCK_PATH, &st) != 0) return false;
+  if (S_ISSOCK(st.st_mode) && st.st_uid == geteuid()) return true;
+  errno = EACCES;
+  return false;
 }
 
 // Module-addressed commands name their module in sequenceNumber; the table has
@@ -74,7 +100,7 @@ void AnswerQuery(wdCmdMsg* msg) {
   msg->dataLength = 0;
   WD_TRACE_AS("main", "MSG_QORVWATCHDOG_QUERY wordData=%x", msg->wordData);
   // Never waits: a process that asks and does not read must not stop the loop.
-  if (SendSigToApp(WD_RESULT_SOCK_PATH, msg) < 0) {
+  if (!ReplySocketIsOurs() || SendSigToApp(WD_RESULT_SOCK_PATH, msg) < 0) {
     tcdbg_printf("Query reply for module %u to %s dropped: %s\r\n", msg->sequenceNumber,
                  WD_RESULT_SOCK_PATH, strerror(errno));
   }
@@ -168,7 +194,7 @@ int main(int argc, char** argv) {
   wd_initSubModData();
   wd_creatModThreads();
   wd_initData();
-  mkdir("/var/wd_tmp", 0777);
+  MakeWorkDirectory();
 
   int recvLen = kCmdRecvLen;
   for (;;) {
