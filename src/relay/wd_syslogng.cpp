@@ -35,7 +35,8 @@ constexpr const char* kLocalDestination =
 constexpr const char* kLogStatement =
     "log {\nsource(s_local);\nsource(s_dgram);\nsource(s_network);\ndestination(d_local);\n};";
 
-int gSyslogngPid = 0;  // the process last seen in the pid file (transmit thread)
+// The process last seen in the pid file (transmit thread).
+int gSyslogngPid WD_GUARDED_BY(bufMutex) = 0;
 
 // Requests noted by the signal handlers, carried out by the transmit thread.
 std::atomic<int> gToggleRequests{0};
@@ -48,12 +49,12 @@ int LeadingPid(const char* text) {
   return wd_parseLong(&text, 1, INT_MAX, &pid) ? static_cast<int>(pid) : 0;
 }
 
-// The memory column of one line of the listing "PID USER VSZ STAT ...";
-// false for a line that does not give the four fields.
-bool MemoryOfLine(const char* line, unsigned long* memory) {
+// The process id and memory column of one line of the listing "PID USER VSZ
+// STAT ..."; false for a line that does not give the four fields.
+bool MemoryOfLine(const char* line, long* pid, unsigned long* memory) {
   const char* blanks = " \t\r\n\v\f";
-  long pid, mem;
-  if (!wd_parseLong(&line, INT_MIN, INT_MAX, &pid)) return false;
+  long mem;
+  if (!wd_parseLong(&line, INT_MIN, INT_MAX, pid)) return false;
   line += strspn(line, blanks);
   size_t user = strcspn(line, blanks);
   if (user == 0) return false;
@@ -63,6 +64,20 @@ bool MemoryOfLine(const char* line, unsigned long* memory) {
   if (*line == '\0') return false;
   *memory = static_cast<unsigned long>(mem);
   return true;
+}
+
+// Whether process `pid` runs as the daemon's own user (its real user id), as
+// the syslog-ng the daemon starts does: any other user's program may give
+// itself syslog-ng's command line.
+bool RunsAsUs(long pid) {
+  char path[32], text[512];
+  snprintf(path, sizeof path, "/proc/%ld/status", pid);
+  fileRead(path, text, sizeof text);
+  const char* uid = strstr(text, "\nUid:");
+  if (uid == nullptr) return false;
+  char* end;
+  unsigned long id = strtoul(uid + 5, &end, 10);
+  return end != uid + 5 && id == getuid();
 }
 
 // A host name or address that can stand in syslog-ng's configuration.
@@ -199,8 +214,9 @@ int checkSyslogngMemory(void) {
   bool any = false;
   unsigned long largest = 0;
   while (getline(&line, &cap, f) != -1) {
+    long pid;
     unsigned long memory;
-    if (!MemoryOfLine(line, &memory)) continue;
+    if (!MemoryOfLine(line, &pid, &memory) || !RunsAsUs(pid)) continue;
     any = true;
     if (memory > largest) largest = memory;
   }
@@ -217,6 +233,9 @@ int checkSyslogngMemory(void) {
 
 void RestartSysklogng(void) {
   kill_process(kPidFile, "syslog-ng");
+  // cp writes through a link standing at an existing destination; removed
+  // first, the copy is a file of its own.
+  unlink(kConfig);
   const char* copy[] = {"/bin/cp", "-pf", kTemplate, kConfig, nullptr};
   wd_run(copy, -1, -1);
 
@@ -226,8 +245,10 @@ void RestartSysklogng(void) {
     return;
   }
   if (strcmp(enable, "1") != 0) return;
-  FILE* f = fopen(kConfig, "ae");
+  int fd = open(kConfig, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666);
+  FILE* f = fd >= 0 ? fdopen(fd, "a") : nullptr;
   if (f == nullptr) {
+    if (fd >= 0) close(fd);
     tcdbg_printf("open %s file fail\n", kConfig);
     return;
   }
