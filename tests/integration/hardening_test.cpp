@@ -1,0 +1,294 @@
+// What an unprivileged process on the gateway can try against the running
+// daemon: links planted at the fixed names it writes or reads, its sockets,
+// a race for its names under the world-writable /tmp, a program that looks
+// like syslog-ng, and shell text in configuration values. Each case waits for
+// the daemon to have done the work that touches the name before it looks.
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include "gateway.h"
+#include "tcapi.h"
+
+using gw::Count;
+using gw::SetConfig;
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+constexpr const char* kVictim = "victim\n";
+
+mode_t Kind(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
+}
+
+// Runs `body` in a child process as nobody; returns the child's pid.
+template <typename F>
+pid_t AsNobody(F body) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
+        setresuid(kNobody, kNobody, kNobody) != 0)
+      _exit(126);
+    _exit(body());
+  }
+  return pid;
+}
+
+int ExitOf(pid_t pid) {
+  int status = 0;
+  return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Plants a link to a victim holding kVictim at `name` (a directory holding
+// `name`'s last part for a directory); returns the victim's file.
+std::string Plant(const std::string& name, bool dir) {
+  std::string victim = name + ".victim";
+  if (dir) {
+    mkdir(victim.c_str(), 0755);
+    gw::WriteFile(victim + "/tmp_ps", kVictim);
+  } else {
+    gw::WriteFile(victim, kVictim);
+  }
+  unlink(name.c_str());
+  EXPECT_EQ(symlink(victim.c_str(), name.c_str()), 0) << name;
+  return dir ? victim + "/tmp_ps" : victim;
+}
+
+// A racer as nobody: plants a link at `name` whenever the name is free.
+pid_t Racer(const char* name) {
+  return AsNobody([name] {
+    for (;;) {
+      if (symlink("/tmp/raced", name) == 0) continue;
+    }
+    return 0;
+  });
+}
+
+void Stop(pid_t pid) {
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+}
+
+class Hardening : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetConfig("Watchdog_Common", "Enable", "1");
+    SetConfig("Watchdog_PPP", "Timer", "100000");
+    SetConfig("Watchdog_PPP", "AlertAfter", "100000");
+    SetConfig("Watchdog_PPP", "PingIP", "0.0.0.0");
+    SetConfig("Watchdog_PPP", "LookupDomain", "");
+  }
+  // Runs one PPPoE check cycle and waits for its end: a CONFIG_CHANGE after
+  // it prints the configuration.
+  void Cycle() {
+    ASSERT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_pppoe.chanl"); }));
+    size_t before = Count(daemon_.Stderr(), "ppp_config.PingIP=");
+    for (int event : {TIMER_EXPIRED, CONFIG_CHANGE}) {
+      wdMsg msg = gw::Event(event, MOD_PPPOE);
+      ASSERT_TRUE(gw::SendToChannel("/var/wd_pppoe.chanl", &msg, sizeof msg));
+    }
+    ASSERT_TRUE(gw::WaitUntil(
+        [&] { return Count(daemon_.Stderr(), "ppp_config.PingIP=") > before; }, 60000));
+  }
+  // Waits until the relay's memory check of syslog-ng has run to its end:
+  // each check first replaces whatever stands at its listing's name, so a
+  // link planted there and replaced twice marks a whole check.
+  static void MemoryChecked() {
+    for (int i = 0; i < 2; ++i) {
+      unlink("/tmp/syslogMem");
+      ASSERT_EQ(symlink("/tmp/listing.victim", "/tmp/syslogMem"), 0);
+      ASSERT_TRUE(gw::WaitUntil([] { return Kind("/tmp/syslogMem") != S_IFLNK; }, 30000));
+    }
+  }
+
+  gw::Daemon daemon_;
+};
+
+TEST_F(Hardening, NoFixedNameIsWrittenThroughALinkAndNoValueRunsAsShellText) {
+  const std::string shell = "x;touch /tmp/pwned`touch /tmp/pwned`$(touch /tmp/pwned)";
+  SetConfig("Watchdog_Common", "URLSYSLOGServer", shell);
+  SetConfig("Watchdog_Common", "Protocol", "UDP");
+  SetConfig("DeviceInfo_PVC0", "WanIP", shell);
+  SetConfig("Watchdog_PPP", "PingIP", "198.51.100.1");
+  SetConfig("Watchdog_PPP", "LookupDomain", "wan.test");
+  SetConfig("Watchdog_WDInfo", "Timer", "60");
+  SetConfig("Watchdog_WDInfo", "Verbosity", "12");  // processes and packet counters
+  SetConfig("Watchdog_ARP", "Timer", "100000");
+  SetConfig("Watchdog_ARP", "Query", "1");
+  const struct {
+    const char* name;
+    bool dir;
+  } kNames[] = {{"/var/run/qorv_watchdogd.pid", false}, {"/var/wd_tmp", true},
+                {"/tmp/watchdog_sock", false},          {"/tmp/ppp_status", false},
+                {"/tmp/ping_result", false},            {"/tmp/nslookup_result", false},
+                {"/tmp/syslogMem", false},              {"/var/syslog-ng.conf", false},
+                {"/etc/tcapi.conf.tmp", false}};
+  std::vector<std::string> victims;
+  for (const auto& n : kNames) victims.push_back(Plant(n.name, n.dir));
+
+  ASSERT_TRUE(daemon_.Start({}, false));
+  ASSERT_TRUE(gw::WaitUntil([] { return Kind(WD_CMD_SOCK_PATH) == S_IFSOCK; }));
+  gw::ResultSocket results;  // answered once start-up is over
+  ASSERT_EQ(results.Query(MOD_SAMPLE, 120000), WD_QUERY_NOT_RUNNING);
+  EXPECT_EQ(gw::ReadFile("/var/run/qorv_watchdogd.pid"), std::to_string(daemon_.pid()) + "\n");
+  EXPECT_EQ(Kind("/var/wd_tmp"), S_IFDIR);
+  EXPECT_EQ(Kind("/tmp/watchdog_sock"), S_IFSOCK);
+  Cycle();  // link, ping and lookup stages: each replaces its file, then deletes it
+  for (const char* name : {"/tmp/ppp_status", "/tmp/ping_result", "/tmp/nslookup_result"})
+    EXPECT_EQ(Kind(name), 0u) << name;
+  EXPECT_TRUE(gw::WaitUntil([] { return Kind("/var/wd_tmp/tmp_ps") == S_IFREG; }));
+  ASSERT_TRUE(gw::WaitReports("infcnt", 1)) << "the counters with the WAN address read";
+  gw::WriteFile("/gw/syslog-ng.vsz", "9999");  // syslog-ng has grown: regenerated, restarted
+  ASSERT_TRUE(gw::WaitUntil([&] { return Count(daemon_.Stderr(), "RestartSysklogng. ") >= 1; }));
+  unlink("/gw/syslog-ng.vsz");
+  EXPECT_NE(daemon_.Stderr().find("URLSYSLOGServer host x;touch"), std::string::npos);
+  EXPECT_EQ(Kind("/var/syslog-ng.conf"), S_IFREG);
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_CONFIG_CHANGE, MOD_ARP));
+  ASSERT_TRUE(gw::WaitUntil([] {  // the request written back into the tree
+    char query[16];
+    return tcapi_get("Watchdog_ARP", "Query", query) == 0 && strcmp(query, "0") == 0;
+  }));
+
+  struct stat tree;
+  ASSERT_EQ(stat(TCAPI_TREE_PATH, &tree), 0);
+  EXPECT_EQ(tree.st_mode & 0777, 0600u) << "credentials are in the tree";
+  for (size_t i = 0; i < victims.size(); ++i)
+    EXPECT_EQ(gw::ReadFile(victims[i]), kVictim) << kNames[i].name;
+  EXPECT_FALSE(gw::Exists("/tmp/pwned"));
+}
+
+TEST_F(Hardening, TheCallIdComesOnlyFromARegularFile) {
+  mkdir("/var/tmp", 01777);
+  const char* callId = "/var/tmp/iptk_callid";
+  gw::WriteFile("/etc/secret", "s3cret\n");
+  SetConfig("Watchdog_VoIPStats", "Mode", "1");
+  SetConfig("Watchdog_VoIPStats", "Period", "0");
+  SetConfig("Watchdog_VoIPStats", "Query", "0");
+  ASSERT_TRUE(daemon_.Start());
+  ASSERT_TRUE(gw::WaitUntil([] {  // the module has read its mode and subscribed
+    char word[16];
+    return tcapi_get("VoipCurSet_WDQuery", "wordData", word) == 0 && strcmp(word, "1") == 0;
+  }));
+  // A link to a file the voice application never wrote, a FIFO nobody
+  // writes to (which would hold the module), then the application's file.
+  std::vector<std::string> ids;
+  for (int step = 0; step < 3; ++step) {
+    unlink(callId);
+    if (step == 0) {
+      ASSERT_EQ(symlink("/etc/secret", callId), 0);
+    } else if (step == 1) {
+      ASSERT_EQ(mkfifo(callId, 0666), 0);
+    } else {
+      gw::WriteFile(callId, "alice@voip.test\n");
+    }
+    ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_VOIP_STATS, 1,
+                                std::vector<unsigned char>(92, 0)));
+    ASSERT_TRUE(gw::WaitReports("voipstat", ids.size() + 1)) << "step " << step;
+    std::string field = gw::Reports("voipstat").back();
+    for (int i = 0; i < 4; ++i) field = field.substr(field.find('|') + 1);
+    ids.push_back(field.substr(0, field.find('|')));
+  }
+  EXPECT_EQ(ids, (std::vector<std::string>{"empty", "empty", "alice@voip.test"}));
+}
+
+TEST_F(Hardening, QueryRepliesGoOnlyToASocketOfTheDaemonsOwnUser) {
+  ASSERT_TRUE(daemon_.Start());
+  int victim = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  strcpy(addr.sun_path, "/tmp/victim_sock");
+  ASSERT_EQ(bind(victim, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  const std::string dropped =
+      "Query reply for module 11 to /tmp/wd_result_sock dropped: Permission denied\r\n";
+  for (int step = 1; step <= 2; ++step) {
+    unlink(WD_RESULT_SOCK_PATH);
+    if (step == 1) {
+      ASSERT_EQ(symlink("/tmp/victim_sock", WD_RESULT_SOCK_PATH), 0);
+    } else {
+      // Another user's socket at the reply path: the planted link's own
+      // target, bound again and handed to nobody.
+      close(victim);
+      unlink("/tmp/victim_sock");
+      victim = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+      strcpy(addr.sun_path, WD_RESULT_SOCK_PATH);
+      ASSERT_EQ(bind(victim, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+      ASSERT_EQ(chown(WD_RESULT_SOCK_PATH, kNobody, kNobody), 0);
+    }
+    ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_SAMPLE, 0));
+    ASSERT_TRUE(gw::WaitUntil([&] { return Count(daemon_.Stderr(), dropped) == size_t(step); }))
+        << daemon_.Stderr();
+    char buf[64];
+    EXPECT_LT(recv(victim, buf, sizeof buf, 0), 0) << "step " << step;
+  }
+  close(victim);
+  gw::ResultSocket results;
+  EXPECT_EQ(results.Query(MOD_SAMPLE), WD_QUERY_NOT_RUNNING) << "the asker's own socket";
+}
+
+TEST_F(Hardening, AnotherUserReachesNoSocketAndSendsNoSignal) {
+  ASSERT_TRUE(daemon_.Start());
+  ASSERT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_pppoe.chanl"); }));
+  pid_t target = daemon_.pid();
+  pid_t child = AsNobody([target] {
+    int refused = 0;
+    for (const char* path : {WD_CMD_SOCK_PATH, "/var/wdSyslogRx.chanl", "/var/wd_pppoe.chanl"}) {
+      int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+      sockaddr_un addr = {};
+      addr.sun_family = AF_UNIX;
+      strcpy(addr.sun_path, path);
+      char msg[16] = {1};
+      if (sendto(fd, msg, sizeof msg, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 &&
+          errno == EACCES)
+        ++refused;
+    }
+    if (kill(target, SIGUSR2) < 0 && errno == EPERM) ++refused;
+    return refused;
+  });
+  EXPECT_EQ(ExitOf(child), 4);
+}
+
+TEST_F(Hardening, ARacerForTheNamesInTmpNeverWins) {
+  pid_t racer = Racer(WD_CMD_SOCK_PATH);
+  for (int start = 0; start < 20; ++start) {
+    ASSERT_TRUE(daemon_.Start({}, false));
+    ASSERT_TRUE(gw::WaitUntil([&] {
+      return Kind(WD_CMD_SOCK_PATH) == S_IFSOCK || Count(daemon_.Stderr(), "WDSockInit failed");
+    }));
+    EXPECT_EQ(Kind(WD_CMD_SOCK_PATH), S_IFSOCK) << "start " << start << ": " << daemon_.Stderr();
+    daemon_.Kill();
+    unlink(WD_CMD_SOCK_PATH);  // free again for the racer
+  }
+  Stop(racer);
+  ASSERT_TRUE(daemon_.Start());
+  racer = Racer("/tmp/ppp_status");
+  for (int cycle = 0; cycle < 60; ++cycle) Cycle();
+  Stop(racer);
+  EXPECT_EQ(Count(daemon_.Stderr(), "fail to open file"), 0u);
+}
+
+TEST_F(Hardening, AnotherUsersProgramThatLooksLikeSyslogNgIsNoReasonToRestartIt) {
+  gw::StopSyslogNg();
+  gw::FakeSyslog fake("S");
+  gw::WriteFile("/gw/syslog-ng.vsz", "9999");  // what ps shows for every such program
+  auto impostor = [] {
+    execl("/bin/sleep", "/usr/sbin/syslog-ng -f /var/syslog-ng.conf", "1000",
+          static_cast<char*>(nullptr));
+    return 127;
+  };
+  pid_t other = AsNobody(impostor);
+  ASSERT_TRUE(daemon_.Start());
+  MemoryChecked();
+  EXPECT_EQ(Count(daemon_.Stderr(), "Restart syslog-ng process !"), 0u);
+  pid_t own = fork();  // the same program as the daemon's user
+  if (own == 0) _exit(impostor());
+  ASSERT_TRUE(gw::WaitUntil(
+      [&] { return Count(daemon_.Stderr(), "Restart syslog-ng process !") >= 1; }, 30000));
+  unlink("/gw/syslog-ng.vsz");
+  Stop(own);
+  Stop(other);
+}
+
+}  // namespace
