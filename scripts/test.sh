@@ -3,10 +3,11 @@
 # then the same suite under AddressSanitizer + UndefinedBehaviorSanitizer, then
 # under ThreadSanitizer, then the gateway's target: the 32-bit big-endian MIPS
 # build's unit tests under qemu-mips, and a smoke test of its daemon, wdctl
-# and tcapi.
+# and tcapi; then clang's lock discipline analysis (lockcheck: a build with
+# -Wthread-safety as errors) and a short run of every fuzz target (fuzz).
 #
-#   scripts/test.sh                 all four
-#   scripts/test.sh plain           some of: plain, asan, tsan, mips
+#   scripts/test.sh                 all six
+#   scripts/test.sh plain           some of: plain, asan, tsan, mips, lockcheck, fuzz
 #   scripts/test.sh --repeat N      the integration tests N times in a row (ctest
 #                                   --repeat until-fail:N) in plain, asan and tsan
 set -euo pipefail
@@ -22,7 +23,7 @@ fi
 jobs=$(nproc)
 variants=("$@")
 if [ ${#variants[@]} -eq 0 ]; then
-  variants=(plain asan tsan mips)
+  variants=(plain asan tsan mips lockcheck fuzz)
   [ ${#repeat[@]} -eq 0 ] || variants=(plain asan tsan)
 fi
 
@@ -40,7 +41,15 @@ for v in "${variants[@]}"; do
     asan) args=(-DWD_SANITIZE=address) ;;
     tsan) args=(-DWD_SANITIZE=thread) ;;
     mips) args=(-DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake") ;;
-    *) echo "test.sh: unknown variant $v (plain, asan, tsan, mips)" >&2; exit 2 ;;
+    lockcheck)
+      echo "=== lockcheck build (clang -Wthread-safety) ==="
+      build "$top/build-test-lockcheck" -DCMAKE_CXX_COMPILER=clang++ -DWD_THREAD_SAFETY=ON
+      continue ;;
+    fuzz)
+      echo "=== fuzz targets, a short run each ==="
+      "$top/scripts/fuzz.sh" --runs 2000
+      continue ;;
+    *) echo "test.sh: unknown variant $v (plain, asan, tsan, mips, lockcheck, fuzz)" >&2; exit 2 ;;
   esac
   dir="$top/build-test-$v"
   echo "=== $v build ==="
