@@ -22,7 +22,7 @@ size_t LogCount(const std::string& log, const std::string& needle) {
 }
 
 bool WaitLog(const std::string& log, const std::string& needle, size_t n = 1) {
-  return gw::WaitUntil([&] { return LogCount(log, needle) >= n; }, 20000);
+  return gw::WaitUntil([&] { return LogCount(log, needle) >= n; }, 60000);
 }
 
 class Supervision : public ::testing::Test {
