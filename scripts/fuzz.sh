@@ -7,9 +7,11 @@
 # directory whose path is printed. Prints per target the runs and the coverage
 # reached (libFuzzer's final cov: and ft:) and exits 0 only when none crashed.
 #
-#   scripts/fuzz.sh [--runs N] [--time SECONDS] [TARGET...]
+#   scripts/fuzz.sh [--runs N] [--time SECONDS] [--seed S] [TARGET...]
 #
 #   --runs N        runs per target (default 100000)
+#   --seed S        libFuzzer's random seed (default: a new one each run); a
+#                   fixed seed makes a run repeat exactly, as CI's does
 #   --time SECONDS  at most this long per target as well (libFuzzer -max_total_time)
 #   TARGET...       only these targets (default: all; --list names them)
 set -euo pipefail
@@ -17,13 +19,15 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 build="$top/build-fuzz"
 usage() { sed -n '2,/^set -euo/p' "$0" | sed '$d; s/^# \{0,1\}//'; }
 
-runs=100000 seconds=0 targets=()
+runs=100000 seconds=0 seed=0 targets=()
 while [ $# -gt 0 ]; do
   case "$1" in
     --runs) [[ "${2:-}" =~ ^[1-9][0-9]*$ ]] || { echo "fuzz.sh: --runs needs a count" >&2; exit 2; }
             runs=$2; shift 2 ;;
     --time) [[ "${2:-}" =~ ^[1-9][0-9]*$ ]] || { echo "fuzz.sh: --time needs seconds" >&2; exit 2; }
             seconds=$2; shift 2 ;;
+    --seed) [[ "${2:-}" =~ ^[1-9][0-9]*$ ]] || { echo "fuzz.sh: --seed needs a number above 0" >&2; exit 2; }
+            seed=$2; shift 2 ;;
     --list) ls "$top/tests/fuzz/corpus"; exit 0 ;;
     -h|--help) usage; exit 0 ;;
     -*) echo "fuzz.sh: unknown option $1" >&2; usage >&2; exit 2 ;;
@@ -53,7 +57,7 @@ work=$(mktemp -d "$base/wd-fuzz.XXXXXX")
 # Inside the gateway: the regression and 2 MiB inputs once each, then the runs.
 inner='
 set -u
-t=$1 runs=$2 seconds=$3 bin=$4 seeds=$5 regressions=$6
+t=$1 runs=$2 seconds=$3 bin=$4 seeds=$5 regressions=$6 seed=$7
 mkdir -p /tmp/corpus /tmp/artifacts /tmp/big
 cp "$seeds"/* /tmp/corpus/
 cat /tmp/corpus/* > /tmp/big/seeds
@@ -63,7 +67,7 @@ done
 truncate -s 2097152 /tmp/big/seeds
 head -c 2097152 /dev/zero > /tmp/big/zeros
 head -c 2097152 /dev/zero | tr "\000" "\377" > /tmp/big/ff
-opts="-close_fd_mask=3 -timeout=60 -rss_limit_mb=4096 -artifact_prefix=/tmp/artifacts/"
+opts="-close_fd_mask=3 -timeout=60 -rss_limit_mb=4096 -artifact_prefix=/tmp/artifacts/ -seed=$seed"
 once=$(ls -d /tmp/big/* "$regressions"/* 2>/dev/null)
 echo "== single inputs"
 "$bin" $opts -max_len=2097152 $once || exit 1
@@ -79,7 +83,7 @@ for t in "${targets[@]}"; do
   rc=0
   TMPDIR="$work/$t" "$top/gateway/gw-run" --keep --ro "$top" -- \
     sh -c "$inner" inner "$t" "$runs" "$seconds" "$build/fuzz/$t" \
-    "$top/tests/fuzz/corpus/$t" "$top/tests/fuzz/regressions/$t" > "$log" 2>&1 || rc=$?
+    "$top/tests/fuzz/corpus/$t" "$top/tests/fuzz/regressions/$t" "$seed" > "$log" 2>&1 || rc=$?
   gw=$(ls -d "$work/$t"/gateway.* | head -n 1)
   last=$(grep -E '^#[0-9]+.*cov: ' "$log" | tail -n 1 || true)
   done_runs=$(sed -n 's/^Done \([0-9]*\) runs.*/\1/p' "$log" | tail -n 1)

@@ -47,7 +47,7 @@ for v in "${variants[@]}"; do
       continue ;;
     fuzz)
       echo "=== fuzz targets, a short run each ==="
-      "$top/scripts/fuzz.sh" --runs 2000
+      "$top/scripts/fuzz.sh" --runs 2000 --seed 1
       continue ;;
     *) echo "test.sh: unknown variant $v (plain, asan, tsan, mips, lockcheck, fuzz)" >&2; exit 2 ;;
   esac

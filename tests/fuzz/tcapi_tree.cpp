@@ -69,7 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   char taken[64];
   bool hadQuery = before[21][0] == '0';
   FUZZ_CHECK((tcapi_take("VoipCurSet_WDQuery", "Query", taken, sizeof taken) == 0) == hadQuery);
-  FUZZ_CHECK((tcapi_unset("Watchdog_ARP", "Query") == 0) == (before[15][0] == '0'));
+  // unset also clears copies in later nodes of the same name, which reads
+  // never reach: it may succeed where the read found nothing.
+  int unset = tcapi_unset("Watchdog_ARP", "Query");
+  FUZZ_CHECK(before[15][0] != '0' || unset == 0);
   for (size_t i = 0; i < kCount; ++i) {
     if (i == 8) {
       FUZZ_CHECK(Get(i) == "0:" + value);
