@@ -21,13 +21,7 @@ while [ $# -gt 0 ]; do
 done
 [[ $syslogKills =~ ^[0-9]+$ && $daemonKills =~ ^[0-9]+$ && $daemonKills -le $syslogKills ]] ||
   { echo "delivery.sh: the counts must be numbers, daemon kills at most syslog-ng kills" >&2; exit 2; }
-dir=${WD_BUILD:-$top/build-demo}
-if [ -z "${WD_BUILD:-}" ]; then
-  "$top/scripts/deps.sh"
-  cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWD_BUILD_TESTS=OFF > /dev/null
-  cmake --build "$dir" -j "$(nproc)" > /dev/null
-  cmake --install "$dir" --prefix "$dir/stage" > /dev/null
-fi
+dir=$("$top/scripts/demo-build.sh")
 out=$("$top/gateway/gw-run" --net --collector --services --faketime 10 --prefix "$dir/stage" \
   --peers "$dir/gateway" -- /gw/sim/delivery "$syslogKills" "$daemonKills" | tee /dev/stderr)
 [ "$(tail -n 1 <<< "$out")" = "lost by the daemon: 0" ]

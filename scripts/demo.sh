@@ -28,11 +28,7 @@ if [ -n "$scenario" ] && ! "$top/gateway/story" list | grep -qx -- "$scenario"; 
   exit 2
 fi
 
-"$top/scripts/deps.sh"
-dir="$top/build-demo"
-cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWD_BUILD_TESTS=OFF > /dev/null
-cmake --build "$dir" -j "$(nproc)" > /dev/null
-cmake --install "$dir" --prefix "$dir/stage" > /dev/null
+dir=$(WD_BUILD= "$top/scripts/demo-build.sh")
 gateway=("$top/gateway/gw-run" --net --collector --services --prefix "$dir/stage" --peers "$dir/gateway")
 
 story() {

@@ -19,13 +19,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 [[ $minutes =~ ^[0-9]+$ ]] || { echo "memcheck.sh: --minutes takes a whole number" >&2; exit 2; }
-dir=${WD_BUILD:-$top/build-demo}
-if [ -z "${WD_BUILD:-}" ]; then
-  "$top/scripts/deps.sh"
-  cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWD_BUILD_TESTS=OFF > /dev/null
-  cmake --build "$dir" -j "$(nproc)" > /dev/null
-  cmake --install "$dir" --prefix "$dir/stage" > /dev/null
-fi
+dir=$("$top/scripts/demo-build.sh")
 out=$("$top/gateway/gw-run" --net --collector --services --faketime 10 --prefix "$dir/stage" \
   --peers "$dir/gateway" -- /gw/sim/memcheck "$minutes" | tee /dev/stderr)
 grep -q "ERROR SUMMARY: 0 errors" <<< "$out" && ! grep -Eq "(definitely|indirectly) lost: [1-9]" <<< "$out"

@@ -25,12 +25,6 @@ done
 [[ $days =~ ^[1-9][0-9]*$ && $speed =~ ^[1-9][0-9]*$ && $every =~ ^[1-9][0-9]*$ ]] ||
   { echo "soak.sh: --days, --speed and --every take whole numbers above 0" >&2; exit 2; }
 command -v gdb > /dev/null || { echo "soak.sh: needs gdb (it reads the timer lists)" >&2; exit 2; }
-dir=${WD_BUILD:-$top/build-demo}
-if [ -z "${WD_BUILD:-}" ]; then
-  "$top/scripts/deps.sh"
-  cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWD_BUILD_TESTS=OFF > /dev/null
-  cmake --build "$dir" -j "$(nproc)" > /dev/null
-  cmake --install "$dir" --prefix "$dir/stage" > /dev/null
-fi
+dir=$("$top/scripts/demo-build.sh")
 exec "$top/gateway/gw-run" --net --collector --services --faketime "$speed" --prefix "$dir/stage" \
   --peers "$dir/gateway" -- /gw/sim/soak "$days" "$every"
