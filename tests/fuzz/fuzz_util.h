@@ -15,8 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "wd_buffer.h"
-#include "wd_lock.h"
+#include "../buffer_util.h"
 
 // A property of the code under test does not hold: say so where the
 // sanitizers report (standard error may be closed, -close_fd_mask) and abort,
@@ -57,17 +56,8 @@ inline std::vector<std::string> Parts(const uint8_t* data, size_t size, size_t n
 // it again, so that a run never sees the lines of the one before.
 inline void FreshBuffer() {
   static wdBufList list;
-  wdLock lock(&bufMutex);
-  if (commBufList == &list) {
-    while (list.head != nullptr) bufNodeDel(&list, list.head, nullptr);
-  }
-  maxSeqNum = 0;
-  maxBufNum = 0;
-  pppMsgNum = 0;
-  buffSaved = 0;
-  list = wdBufList{};
-  bufListInit(&list);
-  commBufList = &list;
+  if (commBufList == &list) EmptyBuffer(&list);
+  UseEmptyBuffer(&list);
 }
 
 // The buffer's links and counters agree with its nodes.

@@ -25,8 +25,7 @@
 
 #include "tcapi.h"
 
-#include "wd_buffer.h"
-#include "wd_lock.h"
+#include "../buffer_util.h"
 
 // The whole content of a file; empty when it cannot be read.
 inline std::string Slurp(const char* path) {
@@ -56,16 +55,7 @@ inline bool WaitUntil(const std::function<bool()>& done) {
 // life of the object; its lines are removed at the end.
 class ScopedBuffer {
  public:
-  ScopedBuffer() {
-    wdLock lock(&bufMutex);
-    maxSeqNum = 0;
-    maxBufNum = 0;
-    pppMsgNum = 0;
-    buffSaved = 0;
-    list = wdBufList{};
-    bufListInit(&list);
-    commBufList = &list;
-  }
+  ScopedBuffer() { UseEmptyBuffer(&list); }
   ~ScopedBuffer() {
     Clear();
     commBufList = nullptr;
@@ -74,10 +64,7 @@ class ScopedBuffer {
   ScopedBuffer& operator=(const ScopedBuffer&) = delete;
 
   // Removes every line, as acknowledgements would.
-  void Clear() {
-    wdLock lock(&bufMutex);
-    while (list.head != nullptr) bufNodeDel(&list, list.head, nullptr);
-  }
+  void Clear() { EmptyBuffer(&list); }
 
   // The lines in the buffer, head first.
   std::vector<std::string> Lines() {
