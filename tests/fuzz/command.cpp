@@ -1,7 +1,6 @@
 // A datagram on the command socket, as the command loop takes it:
 // wdmsg_receive with the loop's 500-byte length word, then the dispatch. Every
-// module has a channel here; what a command sends to them, to the query
-// reply socket and to sngReload is checked against the command.
+// module has a channel here; what a command sends out is checked for shape.
 #define main watchdogd_main
 #include "../../src/daemon/wd_main.cpp"
 #undef main
@@ -50,7 +49,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   wdCmdMsg* msg = static_cast<wdCmdMsg*>(calloc(1, sizeof(wdCmdMsg)));
   int result = wdmsg_receive(gCmd[1], &msg, &recvLen, &from);
   wdCmdMsg head = *msg;  // as received; the dispatch may change it
-  std::string body(reinterpret_cast<const char*>(data) + 16, size > 16 ? size - 16 : 0);
   if (result == 0) DispatchCommand(msg);
   free(msg);
 
@@ -58,56 +56,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   int expected = size < 16 ? 1 : 16 + static_cast<uint64_t>(head.dataLength) > taken ? 2 : 0;
   FUZZ_CHECK(result == expected);
 
-  // Which module gets what: the event, and the data record with its length.
-  int dest = -1, event = 0;
-  unsigned want = 0;
-  uint32_t type = result == 0 ? head.signaltype : 0;
-  bool toModule = head.sequenceNumber < WD_MOD_NUM;
-  if ((type == 1 || type == 3 || (type >= 5 && type <= 8)) && toModule) {
-    static const int kEvent[] = {0,
-                                 CONFIG_CHANGE,
-                                 0,
-                                 THREAD_EXIT,
-                                 0,
-                                 GET_INFORM,
-                                 GET_INFORM_RESPONSE,
-                                 CR_NAME_CHANGE,
-                                 NAME_CHANGE};
-    dest = head.sequenceNumber;
-    event = kEvent[type];
-  } else if (type == 4 && head.wordData == 1 && head.dataLength >= 2 &&
-             (head.sequenceNumber == MOD_VOIP_STATS || head.sequenceNumber == MOD_VOIP_REGISTER)) {
-    dest = head.sequenceNumber;
-    event = RECEIVE_FROM;
-    want = dest == MOD_VOIP_STATS ? 92 : 8;
-  } else if (type == 10) {
-    dest = MOD_MONITOR;
-    event = MONITOR_DATA;
-    want = 8;
-  }
+  // At most one datagram goes out, a whole event to the module it names or a
+  // "not running" answer to a query (no module thread runs here); which one
+  // each command gives is the daemon tests' business.
+  size_t sent = 0;
   for (int id = 0; id < WD_MOD_NUM; ++id) {
-    std::vector<std::string> got = Drain(gSubMod[id].fd);
-    FUZZ_CHECK(got.size() == (id == dest ? 1u : 0u));
-    if (id != dest) continue;
-    wdMsg m;
-    FUZZ_CHECK(got[0].size() == sizeof m);
-    memcpy(&m, got[0].data(), sizeof m);
-    FUZZ_CHECK(m.eventType == event && m.destMod == dest && m.datalen == want);
-    std::string record = body.substr(0, want < head.dataLength ? want : head.dataLength);
-    record.resize(want, '\0');  // what the command lacks comes as zeros
-    FUZZ_CHECK(memcmp(m.data, record.data(), want) == 0);
+    for (const std::string& got : Drain(gSubMod[id].fd)) {
+      wdMsg m;
+      FUZZ_CHECK(got.size() == sizeof m);
+      memcpy(&m, got.data(), sizeof m);
+      FUZZ_CHECK(m.destMod == id && m.datalen <= 92);
+      ++sent;
+    }
   }
-
-  // A query is answered "not running" (no module thread runs here).
-  std::vector<std::string> replies = Drain(gReply);
-  FUZZ_CHECK(replies.size() == (type == 4 && head.wordData == 0 ? 1u : 0u));
-  if (!replies.empty()) {
+  for (const std::string& got : Drain(gReply)) {
     wdCmdMsg r;
-    FUZZ_CHECK(replies[0].size() == sizeof r);
-    memcpy(&r, replies[0].data(), sizeof r);
-    FUZZ_CHECK(r.signaltype == 4 && r.sequenceNumber == head.sequenceNumber &&
-               r.wordData == WD_QUERY_NOT_RUNNING && r.dataLength == 0);
+    FUZZ_CHECK(got.size() == sizeof r);
+    memcpy(&r, got.data(), sizeof r);
+    FUZZ_CHECK(r.signaltype == 4 && r.wordData == WD_QUERY_NOT_RUNNING && r.dataLength == 0);
+    ++sent;
   }
+  FUZZ_CHECK(sent <= 1);
+  uint32_t type = result == 0 ? head.signaltype : 0;
   FUZZ_CHECK(sngReload.exchange(0) == (type == 11 || type == 12 ? 1 : 0));
   return 0;
 }
