@@ -11,23 +11,19 @@ namespace {
 TEST(TargetSmoke, QueryForwardAndReportAcrossTheTargetsPrograms) {
   auto tcapi = [](const std::string& args) { return gw::Run(gw::Installed("tcapi") + " " + args); };
   auto wdctl = [](const std::string& args) { return gw::Run(gw::Installed("wdctl") + " " + args); };
-  ASSERT_EQ(tcapi("set Watchdog_Common Enable 1").status, 0);
-  ASSERT_EQ(tcapi("set Wan_PVC0 ENCAP 'PPPoE LLC'").status, 0);
-  ASSERT_EQ(tcapi("set Watchdog_PPP Timer 2").status, 0);
-  ASSERT_EQ(tcapi("set Watchdog_PPP AlertAfter 0").status, 0);
-  ASSERT_EQ(tcapi("set Watchdog_PPP MaxReset 0").status, 0);
-  ASSERT_EQ(tcapi("set Watchdog_PPP PingIP 0.0.0.0").status, 0);
+  for (const char* set :
+       {"Watchdog_Common Enable 1", "Wan_PVC0 ENCAP 'PPPoE LLC'", "Watchdog_PPP Timer 2",
+        "Watchdog_PPP AlertAfter 0", "Watchdog_PPP MaxReset 0", "Watchdog_PPP PingIP 0.0.0.0"}) {
+    ASSERT_EQ(tcapi(std::string("set ") + set).status, 0) << set;
+  }
   EXPECT_EQ(tcapi("get Watchdog_PPP Timer").output, "2\n");
 
   gw::Daemon d;
   ASSERT_TRUE(d.Start());
 
-  // A query round trip.
+  // Query round trips: the module id and the answer in the target's byte order.
   EXPECT_EQ(wdctl("query pppoe").output, "pppoe: running (0)\n");
   EXPECT_EQ(wdctl("query sample").output, "sample: not running (9000)\n");
-  EXPECT_EQ(wdctl("start sample").status, 0);
-  EXPECT_TRUE(
-      gw::WaitUntil([&] { return wdctl("query sample").output == "sample: running (0)\n"; }));
 
   // A command forwarded to a module, whole and in the target's byte order.
   ASSERT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_monitor.chanl"); }));

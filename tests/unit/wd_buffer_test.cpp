@@ -179,7 +179,6 @@ TEST_F(BufferTest, LoaderSurvivesDamagedCopies) {
     std::string file;
     std::vector<std::string> lines;
   } cases[] = {
-      {"99999999999999999999#x#\n", {}},  // a header out of range
       {"1#1#0\nno category here\n", {"1:no category here:17"}},
       {"1#1#0\nfirst#6\nnone#\nthird#abc\n", {"1:first:6", "2:none:6", "3:third:6"}},
       {"1#1#0\n#6\n\n###\nok#3\n", {"1:ok:3"}},
