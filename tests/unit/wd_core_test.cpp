@@ -38,10 +38,9 @@ TEST_F(ChannelTest, EventsArriveAsWholeRecordsWithTheirPayloadRules) {
     ASSERT_EQ(wd_simpleSendMsg(RECEIVE_FROM, 0, kMod, c.data, c.len), WD_MSG_SIZE);
     wdMsg msg;
     ASSERT_EQ(recv(ch_.fd, &msg, sizeof msg + 1, MSG_DONTWAIT), WD_MSG_SIZE);
-    EXPECT_EQ(msg.eventType, RECEIVE_FROM);
-    EXPECT_EQ(msg.srcMod, 0);
-    EXPECT_EQ(msg.destMod, kMod);
-    EXPECT_EQ(msg.datalen, c.datalen) << c.len;
+    EXPECT_EQ(std::vector<int>({msg.eventType, msg.srcMod, msg.destMod, msg.datalen}),
+              std::vector<int>({RECEIVE_FROM, 0, kMod, c.datalen}))
+        << c.len;
     size_t carried = c.datalen ? c.len : 0;
     EXPECT_EQ(std::string(msg.data, sizeof msg.data),
               std::string(carried, 'p') + std::string(sizeof msg.data - carried, '\0'));

@@ -38,9 +38,6 @@ class ModThreadTest : public ::testing::Test {
     EndAll();
     return out;
   }
-  static void Set(const char* node, const char* attr, const char* value) {
-    tcapi_set(node, attr, value);
-  }
 };
 
 TEST_F(ModThreadTest, ConfigurationDecidesWhichModulesStartAndWhatTheySay) {
@@ -52,33 +49,33 @@ TEST_F(ModThreadTest, ConfigurationDecidesWhichModulesStartAndWhatTheySay) {
             "\r\nget route Timer error!\r\n\r\ncreate MOD_IP_ROUTE thread fail!\r\n"
             "get voipstatus registerTimer error!create MOD_VOIP_REGISTER thread fail!\r\n"
             "| 6 7 9 10");
-  Set("Watchdog_PPP", "Timer", "0");
-  Set("Watchdog_TR069", "RegisterTimer", "60");
-  Set("Watchdog_TR069", "PITimer", "0");
-  Set("Watchdog_ARP", "Timer", "0");
-  Set("Watchdog_WDInfo", "Timer", "0");
-  Set("Watchdog_Route", "Mode", "0");
-  Set("Watchdog_VoIPStatus", "RegisterTimer", "0");
+  tcapi_set("Watchdog_PPP", "Timer", "0");
+  tcapi_set("Watchdog_TR069", "RegisterTimer", "60");
+  tcapi_set("Watchdog_TR069", "PITimer", "0");
+  tcapi_set("Watchdog_ARP", "Timer", "0");
+  tcapi_set("Watchdog_WDInfo", "Timer", "0");
+  tcapi_set("Watchdog_Route", "Mode", "0");
+  tcapi_set("Watchdog_VoIPStatus", "RegisterTimer", "0");
   EXPECT_EQ(Create(),
             "\r\npppObj->timer error!\r\n"
             "\r\ntr069Obj->registerTimer = 60\r\n\r\ntr069Obj->registerTimer error!\r\n"
             "\r\narpObj->timer error!\r\n\r\ninfoObj->timer error!\r\n"
             "\r\nget route Timer error!\r\n\r\ncreate MOD_IP_ROUTE thread fail!\r\n"
             "voipStatusObj->registerTimer error!| 6 7 9 10");
-  Set("Watchdog_Common", "Enable", "0");
+  tcapi_set("Watchdog_Common", "Enable", "0");
   EXPECT_EQ(Create(), "|") << "the feature is off";
 }
 
 TEST_F(ModThreadTest, ConfiguredModulesStartWithTheirPeriods) {
-  Set("Watchdog_PPP", "Timer", "30");
-  Set("Watchdog_TR069", "RegisterTimer", "60");
-  Set("Watchdog_TR069", "PITimer", "3");
-  Set("Watchdog_ARP", "Timer", "20");
-  Set("Watchdog_WDInfo", "Timer", "600");
-  Set("Watchdog_WDInfo", "Verbosity", "15");
-  Set("Watchdog_Route", "Mode", "1");
-  Set("Watchdog_Route", "Timer", "70");
-  Set("Watchdog_VoIPStatus", "RegisterTimer", "15");
+  tcapi_set("Watchdog_PPP", "Timer", "30");
+  tcapi_set("Watchdog_TR069", "RegisterTimer", "60");
+  tcapi_set("Watchdog_TR069", "PITimer", "3");
+  tcapi_set("Watchdog_ARP", "Timer", "20");
+  tcapi_set("Watchdog_WDInfo", "Timer", "600");
+  tcapi_set("Watchdog_WDInfo", "Verbosity", "15");
+  tcapi_set("Watchdog_Route", "Mode", "1");
+  tcapi_set("Watchdog_Route", "Timer", "70");
+  tcapi_set("Watchdog_VoIPStatus", "RegisterTimer", "15");
   testing::internal::CaptureStderr();
   wd_creatModThreads();
   EXPECT_EQ(testing::internal::GetCapturedStderr(),

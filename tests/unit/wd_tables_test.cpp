@@ -6,23 +6,20 @@
 #include "wd_iproute.h"
 #include "wd_status.h"
 
+#include <memory>
+
 #include "unit_util.h"
 
 namespace {
 
-// An open stream on `text` for the life of the object.
-class Sample {
- public:
-  explicit Sample(const std::string& text) : text_(text) {
-    f_ = fmemopen(text_.empty() ? nullptr : &text_[0], text_.size() + (text_.empty() ? 1 : 0), "r");
-  }
-  ~Sample() { fclose(f_); }
-  operator FILE*() const { return f_; }
-
- private:
-  std::string text_;
-  FILE* f_;
-};
+// An open stream on `text`, closed with the object.
+using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+File Sample(const std::string& text) {
+  File f(tmpfile(), fclose);
+  fputs(text.c_str(), f.get());
+  rewind(f.get());
+  return f;
+}
 
 // The report texts in the buffer, without "my.app.wd.CATEGORY.ID: SECONDS|".
 std::vector<std::string> Texts(ScopedBuffer& buffer, const std::string& category) {
@@ -34,116 +31,91 @@ std::vector<std::string> Texts(ScopedBuffer& buffer, const std::string& category
   return out;
 }
 
-const char* const kArpHeader =
+const std::string kArpHeader =
     "IP address       HW type     Flags       HW address            Mask     Device\n";
-const char* const kInet6 =
-    "fe80000000000000941a09fffec40799 03 40 20 c0     br0\n"
-    "00000000000000000000000000000001 01 80 10 80       lo\n"
-    "20010db8000000000000000000000001 03 40 00 80     br0\n"
-    "20010db8000000000000000000000002 03 40 00 80     br0\n";
 
 TEST(ArpTable, EntriesJoinTheirDeviceGlobalAddress) {
   ScopedBuffer buffer;
-  Sample inet6(kInet6);
-  Sample arp(std::string(kArpHeader) +
-             "192.168.1.100    0x1         0x2         00:11:22:33:44:55     *        br0\n"
-             "10.0.0.1         0x1         0x6         00:11:22:33:44:66     *        nas0\n"
-             "192.168.1.101    0x1         0x0         00:00:00:00:00:00     *        br0\n"
-             "192.168.1.102 0x1\n");  // not six fields: no entry
-  mod_arpReport(arp, inet6);
+  File inet6 = Sample(
+      "fe80000000000000941a09fffec40799 03 40 20 c0     br0\n"
+      "00000000000000000000000000000001 01 80 10 80       lo\n"
+      "20010db8000000000000000000000001 03 40 00 80     br0\n"
+      "20010db8000000000000000000000002 03 40 00 80     br0\n");
+  const std::string first =
+      "192.168.1.100    0x1         0x2         00:11:22:33:44:55     *        br0\n";
+  File arp = Sample(kArpHeader + first +
+                    "10.0.0.1         0x1         0x6         00:11:22:33:44:66     *        nas0\n"
+                    "192.168.1.101    0x1         0x0         00:00:00:00:00:00     *        br0\n"
+                    "192.168.1.102 0x1\n");  // not six fields: no entry
+  mod_arpReport(arp.get(), inet6.get());
+  mod_arpReport(Sample(kArpHeader + first).get(), nullptr);  // no if_inet6
+  mod_arpReport(nullptr, nullptr);                           // no ARP table: nothing
   // The link-local address of br0 comes first in the file but is not global;
   // the second entry on br0 finds the same address (the file is rewound).
   EXPECT_EQ(Texts(buffer, "arp"),
             (std::vector<std::string>{
                 "00:11:22:33:44:55|192.168.1.100|20010db8000000000000000000000001|br0|0x2",
                 "00:11:22:33:44:66|10.0.0.1||nas0|0x6",
-                "00:00:00:00:00:00|192.168.1.101|20010db8000000000000000000000001|br0|0x0"}));
+                "00:00:00:00:00:00|192.168.1.101|20010db8000000000000000000000001|br0|0x0",
+                "00:11:22:33:44:55|192.168.1.100||br0|0x2"}));
 }
 
-TEST(ArpTable, HeaderOnlyOrMissingFilesReportNothing) {
+TEST(RouteTable, RowsUntilTheFirstShortOneWithLongWordsCut) {
   ScopedBuffer buffer;
-  Sample arp(kArpHeader);
-  mod_arpReport(arp, nullptr);
-  mod_arpReport(nullptr, nullptr);
-  Sample noInet6(std::string(kArpHeader) +
-                 "192.168.1.100    0x1         0x2         00:11:22:33:44:55     *        br0\n");
-  mod_arpReport(noInet6, nullptr);
-  EXPECT_EQ(Texts(buffer, "arp"),
-            (std::vector<std::string>{"00:11:22:33:44:55|192.168.1.100||br0|0x2"}));
-}
-
-const char* const kRouteHeader =
-    "Kernel IP routing table\n"
-    "Destination     Gateway         Genmask         Flags Metric Ref    Use Iface\n";
-
-TEST(RouteTable, RowsUntilTheFirstShortOne) {
-  ScopedBuffer buffer;
-  Sample route(std::string(kRouteHeader) +
-               "default         203.0.113.1     0.0.0.0         UG    0      0        0 ppp0\n"
-               "192.168.1.0     *               255.255.255.0   U     0      0        0 br0\n"
-               "10.0.0.0        *               255.0.0.0       U     0      0\n"
-               "10.1.0.0        *               255.255.0.0     U     0      0        0 nas1\n");
-  mod_routeReport(route);
+  File route = Sample(
+      "Kernel IP routing table\n"
+      "Destination     Gateway         Genmask         Flags Metric Ref    Use Iface\n"
+      "default         203.0.113.1     0.0.0.0         UG    0      0        0 ppp0\n"
+      "192.168.1.0     *               255.255.255.0   U     0      0        0 br0\n" +
+      std::string(40, 'x') + " a b c d e f " + std::string(20, 'y') + "\n" +
+      "10.0.0.0        *               255.0.0.0       U     0      0\n"
+      "10.1.0.0        *               255.255.0.0     U     0      0        0 nas1\n");
+  mod_routeReport(route.get());
+  // A word longer than a column is cut to 15 characters; the columns after it
+  // stay in place.
   EXPECT_EQ(Texts(buffer, "route"),
             (std::vector<std::string>{"default|203.0.113.1|0.0.0.0|UG|0|0|0|ppp0",
-                                      "192.168.1.0|*|255.255.255.0|U|0|0|0|br0"}));
-}
-
-TEST(RouteTable, HeaderOnlyGarbageOrNothingReportsNothing) {
-  ScopedBuffer buffer;
-  Sample header(kRouteHeader);
-  mod_routeReport(header);
-  Sample garbage("route: command not found\n");
-  mod_routeReport(garbage);
-  Sample empty("");
-  mod_routeReport(empty);
-  // A word longer than a column is cut to 15 characters; the columns after
-  // it stay in place.
-  Sample wide(std::string(kRouteHeader) + std::string(40, 'x') + " a b c d e f " +
-              std::string(20, 'y') + "\n");
-  mod_routeReport(wide);
-  EXPECT_EQ(Texts(buffer, "route"),
-            (std::vector<std::string>{"xxxxxxxxxxxxxxx|a|b|c|d|e|f|yyyyyyyyyyyyyyy"}));
+                                      "192.168.1.0|*|255.255.255.0|U|0|0|0|br0",
+                                      "xxxxxxxxxxxxxxx|a|b|c|d|e|f|yyyyyyyyyyyyyyy"}));
 }
 
 TEST(ProcessStatus, EachLineMarksTheFirstWatchedNameItHolds) {
   char text[512];
-  Sample ps(
+  File ps = Sample(
       "PID   USER     VSZ  STAT COMMAND\n"
       "  120 root     1200 S    /usr/bin/pppd call dnsmasq-peer\n"  // pppd only
       "  130 root     2300 S    /userfs/bin/tr69\n"
       "  140 root     1100 S    igmpproxy /etc/igmpproxy.conf\n"
       "  150 root     1100 S    rmt_qcsmngr\n");
-  mod_processStatusText(ps, text, sizeof text);
+  mod_processStatusText(ps.get(), text, sizeof text);
   EXPECT_STREQ(text, "1|1|0|0|1|0|0|1");
   mod_processStatusText(nullptr, text, sizeof text);
   EXPECT_STREQ(text, "0|0|0|0|0|0|0|0");
 }
 
-const char* const kConntrackHeader =
-    "entries  searched found new invalid ignore delete delete_list insert insert_failed drop "
-    "early_drop icmp_error  expect_new expect_create expect_delete search_restart\n";
-
 TEST(ConnectionStatus, FirstEntriesAndColumnSumsOfAtMostFourRows) {
+  const std::string header =
+      "entries  searched found new invalid ignore delete delete_list insert insert_failed drop "
+      "early_drop icmp_error  expect_new expect_create expect_delete search_restart\n";
   char text[512];
-  Sample two(std::string(kConntrackHeader) +
-             "0000002a  00000001 00000002 00000003 00000004 00000005 00000006 00000007 00000008 "
-             "00000009 0000000a 0000000b 0000000c  0000000d 0000000e 0000000f 00000010\n"
-             "0000002b  00000010 00000020 00000030 00000040 00000050 00000060 00000070 00000080 "
-             "00000090 000000a0 000000b0 000000c0  000000d0 000000e0 000000f0 ffffffff\n");
-  ASSERT_EQ(mod_connectionStatusText(two, text, sizeof text), 1);
+  File two = Sample(header +
+                    "0000002a  00000001 00000002 00000003 00000004 00000005 00000006 00000007 "
+                    "00000008 00000009 0000000a 0000000b 0000000c  0000000d 0000000e 0000000f "
+                    "00000010\n"
+                    "0000002b  00000010 00000020 00000030 00000040 00000050 00000060 00000070 "
+                    "00000080 00000090 000000a0 000000b0 000000c0  000000d0 000000e0 000000f0 "
+                    "ffffffff\n");
+  ASSERT_EQ(mod_connectionStatusText(two.get(), text, sizeof text), 1);
   // Column 17 (search_restart) is read but not reported.
   EXPECT_STREQ(text, "42|17|34|51|68|85|102|119|136|153|170|187|204|221|238|255");
 
   std::string rows;
   for (int i = 0; i < 6; ++i) rows += "00000005 80000000 1\n";
-  Sample six((kConntrackHeader + rows + "garbage\n").c_str());
-  mod_connectionStatusText(six, text, sizeof text);
+  mod_connectionStatusText(Sample(header + rows + "garbage\n").get(), text, sizeof text);
   // Four rows only; their sum wraps past 2^32 and prints as signed.
   EXPECT_STREQ(text, "5|0|4|0|0|0|0|0|0|0|0|0|0|0|0|0");
-
-  Sample garbage("garbage line\n00000007\n");  // a row that does not parse counts as zeros
-  mod_connectionStatusText(garbage, text, sizeof text);
+  // A row that does not parse counts as zeros.
+  mod_connectionStatusText(Sample("garbage line\n00000007\n").get(), text, sizeof text);
   EXPECT_STREQ(text, "0|0|0|0|0|0|0|0|0|0|0|0|0|0|0|0");
   EXPECT_EQ(mod_connectionStatusText(nullptr, text, sizeof text), 0);
 }
@@ -154,14 +126,14 @@ TEST(PacketCounter, GroupsInPvcOrderWithTransmitBeforeReceive) {
   tcapi_unset("DeviceInfo_PVC1", "WanIP");
   char text[512];
   // The target's lines: 11 receive counters, then 11 transmit counters.
-  Sample dev(
+  File dev = Sample(
       "Inter-|   Receive                                                |  Transmit\n"
       " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs "
       "drop fifo colls carrier compressed\n"
       "    lo:  100 1 0 0 0 0 0 0 0 0 0  100 1 0 0 0 0 0 0 0 0 0\n"
       "  ppp0: 5000000000 3000000000 7 8 0 0 0 0 0 0 0 900 20 30 40 0 0 0 0 0 0 0\n"
       "  nas1: 1 11 12 13 0 0 0 0 0 0 0 1 21 22 23 0 0 0 0 0 0 0\n");
-  ASSERT_EQ(mod_packetCounterText(dev, text, sizeof text), 1);
+  ASSERT_EQ(mod_packetCounterText(dev.get(), text, sizeof text), 1);
   // ppp0's received packets are past 2^31: kept in 32 bits as the target's
   // counters are. No nas2 line: its six values are 0.
   EXPECT_STREQ(text,
@@ -174,11 +146,10 @@ TEST(PacketCounter, GroupsInPvcOrderWithTransmitBeforeReceive) {
 // file).
 std::string General(const std::string& uptime, const std::string& meminfo,
                     const std::string& stat) {
-  Sample up(uptime), mem(meminfo), cpu(stat);
+  File up = Sample(uptime), mem = Sample(meminfo), cpu = Sample(stat);
   char text[512];
-  mod_generalStatusText(uptime.empty() ? nullptr : static_cast<FILE*>(up),
-                        meminfo.empty() ? nullptr : static_cast<FILE*>(mem),
-                        stat.empty() ? nullptr : static_cast<FILE*>(cpu), text, sizeof text);
+  mod_generalStatusText(uptime.empty() ? nullptr : up.get(), meminfo.empty() ? nullptr : mem.get(),
+                        stat.empty() ? nullptr : cpu.get(), text, sizeof text);
   return text;
 }
 

@@ -43,21 +43,18 @@ class TimerTest : public ::testing::Test {
     wdTimeVal now = {sec, static_cast<int32_t>(usec)};
     wd_timerPass(&now);
   }
-  // The first timer's expiry and interval.
-  static wdTimeVal Expiry(timerList* list) {
+  // The first timer's expiry and interval, as "seconds.microseconds/interval".
+  static std::string First(timerList* list) {
     wdLock lock(&timerMutex);
-    return static_cast<timerNode*>(timer_list_get(list, 0))->expiry;
-  }
-  static int Interval(timerList* list) {
-    wdLock lock(&timerMutex);
-    return static_cast<timerNode*>(timer_list_get(list, 0))->interval;
+    const timerNode* t = static_cast<timerNode*>(timer_list_get(list, 0));
+    return std::to_string(t->expiry.tv_sec) + "." + std::to_string(t->expiry.tv_usec) + "/" +
+           std::to_string(t->interval);
   }
 };
 
 TEST_F(TimerTest, OneShotExpiryArithmeticAndDueRule) {
   ASSERT_EQ(wd_addTimer(1, 250, Record, 7), 0);
-  EXPECT_EQ(Expiry(&time_list).tv_sec, 11);
-  EXPECT_EQ(Expiry(&time_list).tv_usec, 150000);
+  EXPECT_EQ(First(&time_list), "11.150000/250");
   PassAt(11, 149999);
   EXPECT_TRUE(gCalls.empty());
   PassAt(11, 150000);
@@ -66,13 +63,11 @@ TEST_F(TimerTest, OneShotExpiryArithmeticAndDueRule) {
 
   gNow = {100, 999999};
   ASSERT_EQ(wd_addTimer(2, 2001, Record, 0), 0);
-  EXPECT_EQ(Expiry(&time_list).tv_sec, 103);
-  EXPECT_EQ(Expiry(&time_list).tv_usec, 999);
+  EXPECT_EQ(First(&time_list), "103.999/2001");
   gNow = {150, 0};
   ASSERT_EQ(wd_addTimer(2, 3000, Record, 2), 0) << "an armed id moves, keeping its interval";
   ASSERT_EQ(timer_list_size(&time_list), 1);
-  EXPECT_EQ(Expiry(&time_list).tv_sec, 153);
-  EXPECT_EQ(Interval(&time_list), 2001);
+  EXPECT_EQ(First(&time_list), "153.0/2001");
 }
 
 TEST_F(TimerTest, PeriodicTimersMoveOnFromThePassThatFiredThem) {
@@ -80,8 +75,7 @@ TEST_F(TimerTest, PeriodicTimersMoveOnFromThePassThatFiredThem) {
   ASSERT_EQ(wd_addPTimer(3, 1000, Record, 4), 0);
   ASSERT_EQ(wd_addPTimer(4, 0, Record, 0), 0);
   PassAt(1, 50000);
-  EXPECT_EQ(Expiry(&periodic_time_list).tv_sec, 2);
-  EXPECT_EQ(Expiry(&periodic_time_list).tv_usec, 50000);
+  EXPECT_EQ(First(&periodic_time_list), "2.50000/1000") << "from this pass, not the old expiry";
   PassAt(2, 0);
   PassAt(9, 0);  // late by many periods: still once
   EXPECT_EQ(gCalls, (std::vector<std::string>{"3:4", "4:0", "4:0", "3:4", "4:0"}));

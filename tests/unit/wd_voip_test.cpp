@@ -45,24 +45,21 @@ TEST(VoipStats, RecordIsReadInDeviceOrderAndUnusedFieldsReportZero) {
 
 TEST(VoipStats, CallIdIsTheFileFirstLineWithoutItsLastCharacter) {
   mkdir("/var/tmp", 0755);
-  const char* path = "/var/tmp/iptk_callid";
-  auto callId = [](const std::string* content) {
+  auto callId = [](const char* content) {  // null: no file
     unlink("/var/tmp/iptk_callid");
-    if (content != nullptr) std::ofstream("/var/tmp/iptk_callid") << *content;
-    char id[128];
-    memset(id, 0, sizeof id);
+    if (content != nullptr) std::ofstream("/var/tmp/iptk_callid") << content;
+    char id[128] = {0};
     mod_voipStatsCallId(id);
     return std::string(id);
   };
-  std::string content;
   EXPECT_EQ(callId(nullptr), "empty");
-  EXPECT_EQ(callId(&(content = "")), "empty");
-  EXPECT_EQ(callId(&(content = "\n")), "");
-  EXPECT_EQ(callId(&(content = "call-7@gateway\nsecond line\n")), "call-7@gateway");
+  EXPECT_EQ(callId(""), "empty");
+  EXPECT_EQ(callId("\n"), "");
+  EXPECT_EQ(callId("call-7@gateway\nsecond line\n"), "call-7@gateway");
   std::string longId(127, 'c');
-  EXPECT_EQ(callId(&longId), longId.substr(0, 126)) << "no line end: a character is lost";
-  EXPECT_EQ(callId(&(content = "a\x1b[2J|b\tc\n")), "a?[2J?b?c") << "nothing that breaks a line";
-  unlink(path);
+  EXPECT_EQ(callId(longId.c_str()), longId.substr(0, 126)) << "no line end: a character is lost";
+  EXPECT_EQ(callId("a\x1b[2J|b\tc\n"), "a?[2J?b?c") << "nothing that breaks a line";
+  unlink("/var/tmp/iptk_callid");
 }
 
 TEST(VoipRegister, PrefixDependsOnStatusAndTheImproperConfigurationSwitch) {
