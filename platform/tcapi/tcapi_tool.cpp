@@ -8,15 +8,21 @@
 
 namespace {
 
+// The help; man/tcapi.1 documents the same commands and exit statuses.
 void Usage(FILE* out) {
   fprintf(out,
           "usage: tcapi get NODE ATTRIBUTE     print the value\n"
           "       tcapi set NODE ATTRIBUTE VALUE\n"
+          "                                    set the value, making node and tree as needed\n"
           "       tcapi unset NODE [ATTRIBUTE] remove an attribute or a whole node\n"
           "       tcapi commit NODE            run the node's hook in " TCAPI_HOOK_DIR
           "\n"
           "       tcapi show [NODE]            print the tree, or one node\n"
-          "The tree is " TCAPI_TREE_PATH ".\n");
+          "       tcapi -h | --help            print this help\n"
+          "The tree is " TCAPI_TREE_PATH
+          ".\n"
+          "Exit status: 0 done, 1 failed (no such node or attribute, invalid name,\n"
+          "tree not writable, hook failed), 2 bad usage.\n");
 }
 
 int Show(const char* only) {

@@ -42,20 +42,49 @@ const TypeName kTypes[] = {
     {"reload2", MSG_QORVWATCHDOG_SYSLOG_RELOAD_2},
 };
 
+// The help. man/wdctl.1 documents the same commands, options, command types,
+// modules and exit statuses; tests/manpages.sh compares the two.
 void Usage(FILE* out) {
   fprintf(out,
-          "usage: wdctl [--timeout SEC] [--json] COMMAND ...\n"
+          "usage: wdctl [--timeout SEC] [--json] COMMAND [ARGUMENT...]\n"
+          "Commands:\n"
+          "  status                    one line per module (--json: one object)\n"
           "  query MODULE              ask whether the module's thread runs\n"
-          "  status                    query every module, one line each (--json: one object)\n"
           "  send TYPE MODULE [-w WORD] [-d TEXT | -x HEXBYTES]\n"
           "                            send any command type with its word and data\n"
           "  start|exit|config|inform|inform-response|cr-name-change|name-change MODULE\n"
-          "  monitor [-d TEXT | -x HEXBYTES]   monitor data for the monitor module\n"
-          "  reload | reload2          ask for the reload mark on the next report line\n"
-          "TYPE is a number or one of the names above. MODULE is a name or an id 0..65535:\n"
-          "  ");
+          "                            send that command type, with -w, -d, -x as for send\n"
+          "  monitor [-d TEXT | -x HEXBYTES]\n"
+          "                            send monitor data to the monitor module\n"
+          "  reload|reload2            ask for the reload mark on the next report line\n"
+          "Options (--timeout, --json and --help anywhere, -w, -d and -x at the end):\n"
+          "  --timeout SEC             wait at most SEC seconds for each reply (default 3)\n"
+          "  --json                    print status and query answers as JSON\n"
+          "  -h, --help                print this help and exit\n"
+          "  -w WORD                   the command word, 0..4294967295 (default 0)\n"
+          "  -d TEXT                   the data: the bytes of TEXT\n"
+          "  -x HEXBYTES               the data: hex digit pairs, blanks and colons skipped\n"
+          "TYPE is a number or a name:\n");
+  // "name(number)" items after two blanks, wrapped before column 79.
+  auto list = [out](const std::vector<std::string>& items) {
+    size_t col = 0;
+    for (const std::string& item : items) {
+      if (col > 0 && col + 1 + item.size() > 78) {
+        fputc('\n', out);
+        col = 0;
+      }
+      col += static_cast<size_t>(fprintf(out, col == 0 ? "  %s" : " %s", item.c_str()));
+    }
+    fputc('\n', out);
+  };
+  std::vector<std::string> items;
+  for (const TypeName& t : kTypes) items.push_back(t.name + ("(" + std::to_string(t.type) + ")"));
+  list(items);
+  fprintf(out, "MODULE is a name or an id 0..65535:\n");
+  items.clear();
   for (int i = 0; i < WD_MOD_NUM; ++i)
-    fprintf(out, "%s(%d)%s", kModNames[i], i, i + 1 < WD_MOD_NUM ? " " : "\n");
+    items.push_back(kModNames[i] + ("(" + std::to_string(i) + ")"));
+  list(items);
   fprintf(out,
           "Exit status: 0 done, 1 watchdogd not reachable, 2 bad usage, 3 no reply in time.\n");
 }
