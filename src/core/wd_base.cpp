@@ -75,16 +75,55 @@ int wd_initTimeVal(struct timeval* tv, int seconds) {
   return 0;
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define WD_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define WD_SANITIZED 1
+#endif
+#endif
+
+size_t wd_threadStackSize(void) {
+#ifdef WD_SANITIZED
+  return 0;
+#else
+  size_t size = 64 * 1024;
+  long least = sysconf(_SC_THREAD_STACK_MIN);
+  return least > 0 && static_cast<size_t>(least) > size ? static_cast<size_t>(least) : size;
+#endif
+}
+
+namespace {
+
+void InitAttr(pthread_attr_t* attr) {
+  pthread_attr_init(attr);
+  size_t size = wd_threadStackSize();
+  if (size != 0) pthread_attr_setstacksize(attr, size);
+}
+
+int Create(pthread_t* tid, pthread_attr_t* attr, void* (*body)(void*), void* arg) {
+  int rc = pthread_create(tid, attr, body, arg);
+  pthread_attr_destroy(attr);
+  return rc;
+}
+
+}  // namespace
+
+int wd_createThread(pthread_t* tid, void* (*body)(void*), void* arg) {
+  pthread_attr_t attr;
+  InitAttr(&attr);
+  return Create(tid, &attr, body, arg);
+}
+
 int wd_createRtThread(pthread_t* tid, void* (*body)(void*), void* arg, const char* name) {
   pthread_attr_t attr;
-  pthread_attr_init(&attr);
+  InitAttr(&attr);
   pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
   pthread_attr_setschedpolicy(&attr, SCHED_RR);
   sched_param param;
   param.sched_priority = 75;
   pthread_attr_setschedparam(&attr, &param);
-  int rc = pthread_create(tid, &attr, body, arg);
-  pthread_attr_destroy(&attr);
+  int rc = Create(tid, &attr, body, arg);
   if (rc == 0) return 0;
   static std::atomic<bool> told{false};
   if (!told.exchange(true)) {
@@ -93,7 +132,7 @@ int wd_createRtThread(pthread_t* tid, void* (*body)(void*), void* arg, const cha
         "real-time threads run with default scheduling\n",
         name, strerror(rc));
   }
-  return pthread_create(tid, nullptr, body, arg);
+  return wd_createThread(tid, body, arg);
 }
 
 uint32_t wd_parseUnsigned(const char* text) {

@@ -42,6 +42,18 @@ int wd_clockRealtime(int64_t* sec, int32_t* usec);
 // Sets `tv` to `seconds` and 0 microseconds; returns 0.
 int wd_initTimeVal(struct timeval* tv, int seconds);
 
+// Starts `body` in a new thread with a stack of wd_threadStackSize() bytes.
+// Returns pthread_create's result.
+int wd_createThread(pthread_t* tid, void* (*body)(void*), void* arg);
+
+// The stack each of the daemon's threads gets. The deepest use measured with
+// every module running is 20 KiB; 64 KiB leaves room for the C library's
+// deeper paths, or the system's minimum where that is larger (128 KiB on
+// MIPS). A 32-bit gateway without memory overcommit pays for what is reserved,
+// so the default (the stack limit, 8 MiB) is too much. Sanitizer builds return
+// 0 (the default): their frames are several times larger.
+size_t wd_threadStackSize(void);
+
 // Starts `body` in a new thread with round-robin real-time scheduling at
 // priority 75. Where that is refused, starts it with default attributes and
 // says so once per process on the debug console. Returns pthread_create's

@@ -76,7 +76,7 @@ void OnConfigChange(IpRoute* r) {
     if (r->timerId != 0) wd_timerPStop(r->timerId);
     r->timerId = 0;
     if (!r->monitoring) {
-      if (pthread_create(&r->monitor, nullptr, monitorRouteTable, nullptr) == 0) {
+      if (wd_createThread(&r->monitor, monitorRouteTable, nullptr) == 0) {
         r->monitoring = true;
       } else {
         tcdbg_printf("create monitorRouteTable thread error.\r\n");

@@ -56,7 +56,7 @@ int wd_startModThread(int modId) {
   wdSubModEntry& entry = gSubMod[modId];
   wdLock lock(&gStartLock);
   pthread_t tid;
-  int rc = pthread_create(&tid, nullptr, entry.handler, reinterpret_cast<void*>(60));
+  int rc = wd_createThread(&tid, entry.handler, reinterpret_cast<void*>(60));
   if (rc == 0) entry.threadId = tid;
   return rc;
 }
