@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Prints, for this machine's build and the gateway's MIPS build, the stripped
 # size of watchdogd, of each tool and of the platform libraries, and the
-# libraries each needs (readelf -d). Figures only.
+# libraries each needs (readelf -d), and the stripped size of the fully static
+# daemon (WD_STATIC) for both. Figures only.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/deps.sh"
@@ -21,13 +22,26 @@ report() {  # report NAME BUILD-DIR TOOL-PREFIX
   rm -rf "$tmp"
 }
 
-for target in native mips; do
+# static_size NAME BUILD-DIR TOOL-PREFIX: the fully static daemon, one file.
+static_size() {
+  local tmp
+  tmp=$(mktemp)
+  "${3}strip" -o "$tmp" "$2/stage/sbin/watchdogd"
+  printf '%-22s %10s  (static: libc, libstdc++ and the platform libraries built in)\n' \
+    "sbin/watchdogd" "$(stat -c %s "$tmp")"
+  rm -f "$tmp"
+}
+
+for target in native mips native-static mips-static; do
   dir="$top/build-size-$target"
   args=(-DCMAKE_BUILD_TYPE=MinSizeRel -DWD_BUILD_TESTS=OFF)
-  [ "$target" = mips ] && args+=(-DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake")
+  case "$target" in mips*) args+=(-DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake") ;; esac
+  case "$target" in *-static) args+=(-DWD_STATIC=ON) ;; esac
   cmake -S "$top" -B "$dir" "${args[@]}" > /dev/null
   cmake --build "$dir" -j "$(nproc)" > /dev/null
   cmake --install "$dir" --prefix "$dir/stage" > /dev/null
 done
 report "this machine ($(uname -m))" "$top/build-size-native" ""
+static_size "this machine" "$top/build-size-native-static" ""
 report "gateway target (mips, big-endian, 32-bit)" "$top/build-size-mips" "mips-linux-gnu-"
+static_size "gateway target" "$top/build-size-mips-static" "mips-linux-gnu-"
