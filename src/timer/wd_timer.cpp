@@ -13,6 +13,17 @@
 
 #include <vector>
 
+#ifdef WD_TIMER_STATS
+#include <signal.h>
+#include <stdio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "wd_proc.h"
+#endif
+
 #include "tcapi.h"
 #include "wd_base.h"
 #include "wd_chanl.h"
@@ -27,6 +38,68 @@ int tmIdIndex = 0;
 namespace {
 
 int (*gClock)(wdTimeVal*) = gettimeofday_n;
+
+#ifdef WD_TIMER_STATS
+// The benchmark build's timer figures (scripts/bench.sh): how late each
+// module timer expiry is called after its due time, and how much longer than
+// its 100 ms the timer thread's wait takes. SIGURG, which the daemon does
+// not use otherwise, makes the timer thread write them to
+// /tmp/wd_timer_stats and start counting anew. Fixed room; samples beyond it
+// are counted as dropped.
+constexpr int kStatsRoom = 1024;
+struct TimerStats {
+  int32_t expiryUs[kStatsRoom];  // lateness of a module timer expiry
+  int8_t expiryMod[kStatsRoom];
+  int32_t wakeUs[kStatsRoom];  // the wait beyond its 100 ms
+  int expiries, wakes, dropped;
+};
+TimerStats gStats;  // the timer thread's alone
+std::atomic<int> gStatsRequests{0};
+
+void OnStatsSignal(int) { gStatsRequests.fetch_add(1); }
+
+bool IsModuleTimer(wdTimerCallback callback) {
+  return callback == wd_sendModTimeout || callback == wd_sendModPPPTimeout;
+}
+
+void NoteExpiry(const wdTimeVal* now, const wdTimeVal* expiry, int arg) {
+  if (gStats.expiries == kStatsRoom) {
+    ++gStats.dropped;
+    return;
+  }
+  int64_t late = (now->tv_sec - expiry->tv_sec) * 1000000 + (now->tv_usec - expiry->tv_usec);
+  gStats.expiryUs[gStats.expiries] = static_cast<int32_t>(late);
+  gStats.expiryMod[gStats.expiries++] = static_cast<int8_t>(arg);
+}
+
+void NoteWake(int64_t waitedUs) {
+  if (gStats.wakes == kStatsRoom) {
+    ++gStats.dropped;
+    return;
+  }
+  gStats.wakeUs[gStats.wakes++] = static_cast<int32_t>(waitedUs - 100000);
+}
+
+int64_t MonotonicUs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+void WriteStats() {
+  int fd = wd_createFresh("/tmp/wd_timer_stats.tmp", 0600);
+  FILE* f = fd >= 0 ? fdopen(fd, "w") : nullptr;
+  if (f == nullptr && fd >= 0) close(fd);
+  if (f != nullptr) {
+    for (int i = 0; i < gStats.expiries; ++i)
+      fprintf(f, "expiry %d %d\n", static_cast<int>(gStats.expiryUs[i]), gStats.expiryMod[i]);
+    for (int i = 0; i < gStats.wakes; ++i) fprintf(f, "wake %d\n", static_cast<int>(gStats.wakeUs[i]));
+    fprintf(f, "dropped %d\n", gStats.dropped);
+    if (fclose(f) == 0) rename("/tmp/wd_timer_stats.tmp", "/tmp/wd_timer_stats");
+  }
+  gStats.expiries = gStats.wakes = gStats.dropped = 0;
+}
+#endif
 
 void ExpiryAfter(const wdTimeVal* now, int interval, timerNode* t) WD_REQUIRES(timerMutex) {
   if (interval < 0) interval = 0;  // a negative interval is simply due at once
@@ -141,6 +214,18 @@ void wd_timerInit(void) {
     timer_list_init(&time_list);
     timer_list_init(&periodic_time_list);
   }
+#ifdef WD_TIMER_STATS
+  // Only the timer thread takes SIGURG: blocked here, in main before any
+  // other thread starts, so that every later thread inherits the mask.
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = OnStatsSignal;
+  sigaction(SIGURG, &action, nullptr);
+  sigset_t urg;
+  sigemptyset(&urg);
+  sigaddset(&urg, SIGURG);
+  pthread_sigmask(SIG_BLOCK, &urg, nullptr);
+#endif
   wd_createRtThread(&timer_thread, wd_timerProc, nullptr, "timer");
 }
 
@@ -165,6 +250,9 @@ void wd_timerPass(const wdTimeVal* now) {
     while (e != nullptr) {
       timerNode* t = static_cast<timerNode*>(e);
       if (IsDue(t, now)) {
+#ifdef WD_TIMER_STATS
+        if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
+#endif
         t->due = nullptr;
         *dueLast = t;
         dueLast = &t->due;
@@ -178,6 +266,9 @@ void wd_timerPass(const wdTimeVal* now) {
          e = timer_list_get_next(&it)) {
       timerNode* t = static_cast<timerNode*>(e);
       if (!IsDue(t, now)) continue;
+#ifdef WD_TIMER_STATS
+      if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
+#endif
       noted[calls++] = Noted{t->callback, t->id, t->arg};
       ExpiryAfter(now, t->interval, t);
     }
@@ -187,6 +278,12 @@ void wd_timerPass(const wdTimeVal* now) {
 }
 
 void* wd_timerProc(void*) {
+#ifdef WD_TIMER_STATS
+  sigset_t urg;
+  sigemptyset(&urg);
+  sigaddset(&urg, SIGURG);
+  pthread_sigmask(SIG_UNBLOCK, &urg, nullptr);
+#endif
   bool clockFailed = false;
   for (;;) {
     wdTimeVal now;
@@ -199,7 +296,14 @@ void* wd_timerProc(void*) {
       tcdbg_printf("wd_timerProc: the clock cannot be read (%s), timers wait\n", strerror(errno));
     }
     struct timeval wait = {0, 100000};
+#ifdef WD_TIMER_STATS
+    int64_t before = MonotonicUs();
+    // A wait the signal cut short is no sample.
+    if (select(0, nullptr, nullptr, nullptr, &wait) == 0) NoteWake(MonotonicUs() - before);
+    if (gStatsRequests.exchange(0) > 0) WriteStats();
+#else
     select(0, nullptr, nullptr, nullptr, &wait);
+#endif
   }
   return nullptr;
 }

@@ -1,0 +1,195 @@
+// query_bench: times the daemon's command socket from inside a gateway.
+//
+//   query_bench latency COUNT      COUNT queries (type 4) one after the other,
+//                                  each reply timed: p50, p99 and max
+//   query_bench flood SECONDS N    N clients send queries and, every fourth
+//                                  command, a configuration change for the
+//                                  process monitor, as fast as the daemon
+//                                  takes them, for SECONDS
+//
+// The daemon answers every query on one fixed path, /tmp/wd_result_sock, so
+// this program binds it once and reads every reply there; the clients send
+// from sockets of their own. A reply that does not come within a second is
+// counted as lost. Prints one line of key=value figures.
+#include <errno.h>
+#include <poll.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <vector>
+
+#include "libwdfunc.h"
+#include "wd_wire.h"
+
+namespace {
+
+int64_t NowNs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+int CommandSocket() {
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  strcpy(addr.sun_path, WD_CMD_SOCK_PATH);
+  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    perror("query_bench: " WD_CMD_SOCK_PATH);
+    exit(1);
+  }
+  return fd;
+}
+
+int ResultSocket() {
+  sockaddr_un addr;
+  int fd = WDSockInit(WD_RESULT_SOCK_PATH, &addr);
+  if (fd < 0) {
+    perror("query_bench: " WD_RESULT_SOCK_PATH);
+    exit(1);
+  }
+  return fd;
+}
+
+wdCmdMsg Command(uint32_t type, uint16_t module) {
+  wdCmdMsg msg;
+  memset(&msg, 0, sizeof msg);
+  msg.signaltype = type;
+  msg.sequenceNumber = module;
+  return msg;
+}
+
+// One reply within `timeoutMs`; false when none came.
+bool Reply(int fd, int timeoutMs, wdCmdMsg* reply) {
+  pollfd p = {fd, POLLIN, 0};
+  for (;;) {
+    int ready = poll(&p, 1, timeoutMs);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return false;
+    ssize_t n = recv(fd, reply, sizeof *reply, 0);
+    if (n >= static_cast<ssize_t>(sizeof *reply)) return true;
+    if (n < 0 && errno != EINTR) return false;
+  }
+}
+
+double Percentile(std::vector<int64_t>& sorted, double p) {
+  if (sorted.empty()) return 0;
+  size_t i = static_cast<size_t>(p * static_cast<double>(sorted.size() - 1) + 0.5);
+  return static_cast<double>(sorted[i]) / 1000.0;
+}
+
+int Latency(long count) {
+  int cmd = CommandSocket();
+  int res = ResultSocket();
+  std::vector<int64_t> took;
+  took.reserve(static_cast<size_t>(count));
+  long lost = 0, wrong = 0;
+  int64_t start = NowNs();
+  for (long i = 0; i < count; ++i) {
+    // The modules that run in the benchmark's gateway, in turn.
+    uint16_t module = static_cast<uint16_t>(MOD_PPPOE + i % (MOD_MONITOR - MOD_PPPOE + 1));
+    wdCmdMsg msg = Command(MSG_QORVWATCHDOG_QUERY, module);
+    int64_t t0 = NowNs();
+    if (send(cmd, &msg, sizeof msg, 0) != static_cast<ssize_t>(sizeof msg)) {
+      perror("query_bench: send");
+      return 1;
+    }
+    wdCmdMsg reply;
+    if (!Reply(res, 1000, &reply)) {
+      ++lost;
+      continue;
+    }
+    took.push_back(NowNs() - t0);
+    if (reply.sequenceNumber != module) ++wrong;
+  }
+  double seconds = static_cast<double>(NowNs() - start) / 1e9;
+  std::sort(took.begin(), took.end());
+  printf("latency queries=%ld replies=%zu lost=%ld other_module=%ld p50_us=%.1f p99_us=%.1f "
+         "max_us=%.1f per_second=%.0f\n",
+         count, took.size(), lost, wrong, Percentile(took, 0.50), Percentile(took, 0.99),
+         took.empty() ? 0.0 : static_cast<double>(took.back()) / 1000.0,
+         static_cast<double>(took.size()) / seconds);
+  unlink(WD_RESULT_SOCK_PATH);
+  return 0;
+}
+
+struct Flood {
+  int64_t deadline;
+  std::atomic<long> queries{0}, changes{0}, replies{0};
+  std::atomic<bool> sending{true};
+  int res;
+};
+
+void* Client(void* arg) {
+  Flood* f = static_cast<Flood*>(arg);
+  int cmd = CommandSocket();
+  long queries = 0, changes = 0;
+  for (unsigned i = 0; NowNs() < f->deadline; ++i) {
+    wdCmdMsg msg = i % 4 == 3
+                       ? Command(MSG_QORVWATCHDOG_CONFIG_CHANGE, MOD_MONITOR)
+                       : Command(MSG_QORVWATCHDOG_QUERY,
+                                 static_cast<uint16_t>(MOD_PPPOE + i % (MOD_MONITOR - MOD_PPPOE + 1)));
+    // Blocking: a full command queue holds the client until the daemon reads.
+    if (send(cmd, &msg, sizeof msg, 0) != static_cast<ssize_t>(sizeof msg)) {
+      if (errno == EINTR) continue;
+      perror("query_bench: send");
+      break;
+    }
+    if (msg.signaltype == MSG_QORVWATCHDOG_QUERY) ++queries;
+    else ++changes;
+  }
+  f->queries += queries;
+  f->changes += changes;
+  close(cmd);
+  return nullptr;
+}
+
+void* Receiver(void* arg) {
+  Flood* f = static_cast<Flood*>(arg);
+  wdCmdMsg reply;
+  long replies = 0;
+  // Until the clients have stopped and no reply came for a second.
+  while (Reply(f->res, 1000, &reply) || f->sending) ++replies;
+  f->replies = replies;
+  return nullptr;
+}
+
+int FloodRun(int seconds, int clients) {
+  Flood f;
+  f.res = ResultSocket();
+  int64_t start = NowNs();
+  f.deadline = start + static_cast<int64_t>(seconds) * 1000000000;
+  pthread_t receiver;
+  pthread_create(&receiver, nullptr, Receiver, &f);
+  std::vector<pthread_t> senders(static_cast<size_t>(clients));
+  for (auto& t : senders) pthread_create(&t, nullptr, Client, &f);
+  for (auto& t : senders) pthread_join(t, nullptr);
+  double took = static_cast<double>(NowNs() - start) / 1e9;
+  f.sending = false;
+  pthread_join(receiver, nullptr);
+  long sent = f.queries + f.changes;
+  printf("flood clients=%d seconds=%.2f queries=%ld changes=%ld commands_per_second=%.0f "
+         "replies=%ld lost=%ld\n",
+         clients, took, f.queries.load(), f.changes.load(), static_cast<double>(sent) / took,
+         f.replies.load(), f.queries - f.replies);
+  unlink(WD_RESULT_SOCK_PATH);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 3 && strcmp(argv[1], "latency") == 0) return Latency(atol(argv[2]));
+  if (argc == 4 && strcmp(argv[1], "flood") == 0) return FloodRun(atoi(argv[2]), atoi(argv[3]));
+  fprintf(stderr, "usage: query_bench latency COUNT | flood SECONDS CLIENTS\n");
+  return 2;
+}
