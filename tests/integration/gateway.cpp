@@ -6,20 +6,12 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <sstream>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "tcapi.h"
 
@@ -34,16 +26,6 @@ sockaddr_un Addr(const std::string& path) {
   addr.sun_family = AF_UNIX;
   snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
   return addr;
-}
-
-int BindDgram(const std::string& path) {
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr = Addr(path);
-  unlink(path.c_str());
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    ADD_FAILURE() << "harness: cannot bind " << path << ": " << strerror(errno);
-  }
-  return fd;
 }
 
 bool Readable(int fd, int timeoutMs) {
@@ -81,8 +63,7 @@ bool Daemon::Start(const std::vector<std::string>& args, bool waitReady) {
   std::vector<std::string> argv;
   std::istringstream emulator(Emulator());
   for (std::string word; emulator >> word;) argv.push_back(word);
-  if (!argv.empty()) speed = 1;  // the emulator's own waits would not be scaled
-  if (speed != 1) argv = Faketime(speed);
+  if (argv.empty()) argv = Faketime(100);  // the emulator's own waits would not be scaled
   argv.push_back("/opt/watchdogd/sbin/watchdogd");
   argv.insert(argv.end(), args.begin(), args.end());
   std::vector<char*> cargv;
@@ -103,18 +84,9 @@ bool Daemon::Start(const std::vector<std::string>& args, bool waitReady) {
   return ready;
 }
 
-int Daemon::Wait(int timeoutMs) {
-  int status = 0;
-  if (pid_ <= 0 || !WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs))
-    return -1;
-  pid_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 void Daemon::Kill() {
   if (pid_ <= 0) return;
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
+  Stop(pid_);
   pid_ = -1;
   std::string err = Stderr();  // a sanitizer build reports here
   if (err.find("Sanitizer") != std::string::npos || err.find("runtime error:") != std::string::npos)
@@ -141,6 +113,13 @@ bool Exists(const std::string& path) {
   return stat(path.c_str(), &st) == 0;
 }
 
+std::vector<std::string> Lines(const std::string& path) {
+  std::vector<std::string> out;
+  std::istringstream in(ReadFile(path));
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
 void RealSleepMs(int ms) {
   // Under libfaketime ("x100") this process's sleeps are shortened: scale up.
   const char* setting = getenv("FAKETIME");
@@ -164,8 +143,27 @@ size_t Count(const std::string& text, const std::string& needle) {
   return n;
 }
 
-std::string Console() { return ReadFile("/dev/console"); }
-void ClearConsole() { truncate("/dev/console", 0); }
+bool WaitFor(const std::string& path, const std::string& text, size_t n, int timeoutMs) {
+  return WaitUntil([&] { return Count(ReadFile(path), text) >= n; }, timeoutMs);
+}
+
+std::string Console() { return ReadFile(kConsole); }
+void ClearConsole() { truncate(kConsole, 0); }
+
+void Stop(pid_t pid) {
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+}
+
+int Bind(const std::string& path) {
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr = Addr(path);
+  unlink(path.c_str());
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ADD_FAILURE() << "harness: cannot bind " << path << ": " << strerror(errno);
+  }
+  return fd;
+}
 
 bool SendToChannel(const std::string& path, const void* bytes, size_t len) {
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -194,7 +192,7 @@ wdMsg Event(int eventType, int destMod, const std::string& payload) {
   return msg;
 }
 
-ResultSocket::ResultSocket() : fd_(BindDgram(WD_RESULT_SOCK_PATH)) {}
+ResultSocket::ResultSocket() : fd_(Bind(WD_RESULT_SOCK_PATH)) {}
 
 ResultSocket::~ResultSocket() {
   close(fd_);
@@ -214,7 +212,7 @@ long ResultSocket::Query(uint16_t mod, int timeoutMs) {
   return reply.wordData;
 }
 
-ChannelTap::ChannelTap(const std::string& path) : fd_(BindDgram(path)) {}
+ChannelTap::ChannelTap(const std::string& path) : fd_(Bind(path)) {}
 ChannelTap::~ChannelTap() { close(fd_); }
 
 ssize_t ChannelTap::Receive(wdMsg* msg, int timeoutMs, int event) {
@@ -239,6 +237,21 @@ std::vector<int> ThreadPolicies(pid_t pid) {
   return out;
 }
 
+void PppoeBarrier(const Daemon& d) {
+  ASSERT_TRUE(WaitUntil([] { return Exists("/var/wd_pppoe.chanl"); }));
+  size_t before = Count(d.Stderr(), "ppp_config.PingIP=");
+  wdMsg msg = Event(CONFIG_CHANGE, MOD_PPPOE);
+  ASSERT_TRUE(SendToChannel("/var/wd_pppoe.chanl", &msg, sizeof msg));
+  ASSERT_TRUE(WaitUntil([&] { return Count(d.Stderr(), "ppp_config.PingIP=") > before; }, 60000));
+}
+
+void PppoeCycle(const Daemon& d) {
+  ASSERT_TRUE(WaitUntil([] { return Exists("/var/wd_pppoe.chanl"); }));
+  wdMsg msg = Event(TIMER_EXPIRED, MOD_PPPOE);
+  ASSERT_TRUE(SendToChannel("/var/wd_pppoe.chanl", &msg, sizeof msg));
+  PppoeBarrier(d);
+}
+
 bool StartSyslogNg(bool keepConfig) {
   return Run(keepConfig ? "/gw/sim/syslog-start --again" : "/gw/sim/syslog-start").status == 0;
 }
@@ -254,8 +267,7 @@ void StopSyslogNg() {
 
 std::vector<std::string> ReportLines(const std::string& file) {
   std::vector<std::string> out;
-  std::istringstream in(ReadFile(file));
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line : Lines(file)) {
     if (line.find("my.app.wd.") != std::string::npos)
       out.push_back(line.substr(line.find("my.app.wd.")));
   }
@@ -290,22 +302,13 @@ FakeSyslog::FakeSyslog(const std::string& plan, int pid) {
     ADD_FAILURE() << "harness: " << WD_SYSLOG_STUB << " did not start";
 }
 
-FakeSyslog::~FakeSyslog() {
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-}
-
 void FakeSyslog::SetPlan(const std::string& plan) {
   WriteFile("/var/run/syslog-stub.plan.new", plan);
   rename("/var/run/syslog-stub.plan.new", "/var/run/syslog-stub.plan");
 }
 
-void FakeSyslog::SetPid(int pid) {
-  WriteFile("/var/run/syslog-ng.pid", std::to_string(pid) + "\n");
-}
-
 VoiceApp::VoiceApp() {
-  unlink("/var/log/voiceApp");
+  unlink(kLog);
   pid_ = fork();
   if (pid_ == 0) {
     execl("/gw/peers/voiceApp", "voiceApp", static_cast<char*>(nullptr));
@@ -314,33 +317,12 @@ VoiceApp::VoiceApp() {
   if (!WaitFor("started")) ADD_FAILURE() << "harness: /gw/peers/voiceApp did not start";
 }
 
-VoiceApp::~VoiceApp() {
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-}
-
 void VoiceApp::Ctl(const std::string& command) {
   RunResult r = Run("/gw/peers/voiceApp ctl " + command);
   EXPECT_EQ(r.status, 0) << r.output;
 }
 
-std::vector<std::string> VoiceApp::Log() {
-  std::vector<std::string> out;
-  std::istringstream in(ReadFile("/var/log/voiceApp"));
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
-}
-
-bool VoiceApp::WaitFor(const std::string& needle, size_t n, int timeoutMs) {
-  return WaitUntil([&] { return Count(ReadFile("/var/log/voiceApp"), needle) >= n; }, timeoutMs);
-}
-
-std::vector<std::string> FakeSyslog::Received() {
-  std::vector<std::string> out;
-  std::istringstream in(ReadFile("/var/log/syslog-stub"));
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
-}
+std::vector<std::string> FakeSyslog::Received() { return Lines("/var/log/syslog-stub"); }
 
 bool FakeSyslog::WaitForCount(size_t n, int timeoutMs) {
   return WaitUntil([&] { return Received().size() >= n; }, timeoutMs);
@@ -373,6 +355,12 @@ RunResult Run(const std::string& command) {
 void SetConfig(const std::string& node, const std::string& attr, const std::string& value) {
   if (tcapi_set(node.c_str(), attr.c_str(), value.c_str()) != 0)
     ADD_FAILURE() << "harness: cannot set " << node << " " << attr;
+}
+
+std::string GetConfig(const std::string& node, const std::string& attr) {
+  char value[256] = {0};
+  tcapi_nget(node.c_str(), attr.c_str(), value, sizeof value);
+  return value;
 }
 
 }  // namespace gw

@@ -30,15 +30,14 @@ uint32_t FromTarget(uint32_t raw);
 // faster: the child only opens and execs.
 std::vector<std::string> Faketime(int speed);
 
-// The daemon as a child process, under libfaketime `speed` times faster.
+// The daemon as a child process, under libfaketime 100 times faster (in real
+// time under an emulator).
 class Daemon {
  public:
-  int speed = 100;
   ~Daemon() { Kill(); }
   // With `waitReady`, returns once start-up is over (/var/wd_tmp exists).
   bool Start(const std::vector<std::string>& args = {}, bool waitReady = true);
-  int Wait(int timeoutMs);  // its exit status once it ended by itself, or -1
-  void Kill();              // SIGKILL; a sanitizer report in its stderr fails the test
+  void Kill();  // SIGKILL; a sanitizer report in its stderr fails the test
   bool Running() const;
   pid_t pid() const { return pid_; }
   std::string Stderr() const;
@@ -52,12 +51,19 @@ class Daemon {
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);
 bool Exists(const std::string& path);
+std::vector<std::string> Lines(const std::string& path);
 void RealSleepMs(int ms);  // real time, also in a process under libfaketime
 // Polls `done` every 20 ms until it holds or `timeoutMs` has passed.
 bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 10000);
 size_t Count(const std::string& text, const std::string& needle);
-std::string Console();  // the captured debug console (/dev/console)
+// Waits until the file at `path` holds `text` at least `n` times.
+bool WaitFor(const std::string& path, const std::string& text, size_t n = 1, int timeoutMs = 20000);
+constexpr const char* kConsole = "/dev/console";  // the captured debug console
+std::string Console();
 void ClearConsole();
+void Stop(pid_t pid);  // SIGKILL to a child, then reaped
+
+int Bind(const std::string& path);  // a datagram socket bound at `path`, anything there removed
 
 bool SendToChannel(const std::string& path, const void* bytes, size_t len);
 // A command to the daemon's socket; `dataLength` -1 is the data's own length.
@@ -94,6 +100,12 @@ class ChannelTap {
 
 std::vector<int> ThreadPolicies(pid_t pid);  // SCHED_OTHER 0, SCHED_RR 2 per thread
 
+// Waits until the running PPPoE module has handled every event sent to it so
+// far: a CONFIG_CHANGE, which makes it read (and print) its configuration.
+void PppoeBarrier(const Daemon& d);
+// One PPPoE check cycle (a TIMER_EXPIRED into its channel) and its end.
+void PppoeCycle(const Daemon& d);
+
 // The gateway's real syslog-ng (gateway/syslog-start).
 bool StartSyslogNg(bool keepConfig = false);
 void StopSyslogNg();  // SIGKILL, as a crash would
@@ -110,10 +122,9 @@ bool WaitReports(const std::string& category, size_t n, int timeoutMs = 20000);
 class FakeSyslog {
  public:
   explicit FakeSyslog(const std::string& plan = "S", int pid = 4242);
-  ~FakeSyslog();                          // SIGKILL: its socket file stays, as after a crash
+  ~FakeSyslog() { Stop(pid_); }           // its socket file stays, as after a crash
   void SetPlan(const std::string& plan);  // counting starts anew
-  void SetPid(int pid);
-  std::vector<std::string> Received();  // "SIZE TEXT" per datagram
+  std::vector<std::string> Received();    // "SIZE TEXT" per datagram
   bool WaitForCount(size_t n, int timeoutMs = 10000);
 
  private:
@@ -121,15 +132,14 @@ class FakeSyslog {
 };
 
 // The gateway's voice application (gateway/voice_app.cpp): answers the VoIP
-// modules' queries; its log /var/log/voiceApp has a line per event.
+// modules' queries; its log kLog has a line per event.
 class VoiceApp {
  public:
-  VoiceApp();                            // started, and its control FIFO ready
-  ~VoiceApp();                           // SIGKILL
+  static constexpr const char* kLog = "/var/log/voiceApp";
+  VoiceApp();  // started, and its control FIFO ready
+  ~VoiceApp() { Stop(pid_); }
   void Ctl(const std::string& command);  // a control command, e.g. "register 2"
-  std::vector<std::string> Log();
-  // Waits until at least `n` log lines contain `needle`.
-  bool WaitFor(const std::string& needle, size_t n = 1, int timeoutMs = 10000);
+  bool WaitFor(const std::string& needle, size_t n = 1) { return gw::WaitFor(kLog, needle, n); }
 
  private:
   pid_t pid_;
@@ -152,6 +162,7 @@ struct RunResult {
 };
 RunResult Run(const std::string& command);  // a shell command line in the gateway
 void SetConfig(const std::string& node, const std::string& attr, const std::string& value);
+std::string GetConfig(const std::string& node, const std::string& attr);  // "" when unset
 
 }  // namespace gw
 

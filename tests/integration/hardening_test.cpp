@@ -3,10 +3,7 @@
 // socket, a race for its names under the world-writable /tmp, a program that
 // looks like syslog-ng. Each case waits for the daemon to have done the work
 // that touches the name before it looks.
-#include <fcntl.h>
 #include <grp.h>
-#include <signal.h>
-#include <sys/wait.h>
 
 #include "gateway.h"
 #include "tcapi.h"
@@ -62,11 +59,6 @@ pid_t Racer(const char* name) {
   });
 }
 
-void Stop(pid_t pid) {
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-}
-
 class Hardening : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -76,18 +68,7 @@ class Hardening : public ::testing::Test {
     SetConfig("Watchdog_PPP", "PingIP", "0.0.0.0");
     SetConfig("Watchdog_PPP", "LookupDomain", "");
   }
-  // Runs one PPPoE check cycle and waits for its end: a CONFIG_CHANGE after
-  // it prints the configuration.
-  void Cycle() {
-    ASSERT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_pppoe.chanl"); }));
-    size_t before = Count(daemon_.Stderr(), "ppp_config.PingIP=");
-    for (int event : {TIMER_EXPIRED, CONFIG_CHANGE}) {
-      wdMsg msg = gw::Event(event, MOD_PPPOE);
-      ASSERT_TRUE(gw::SendToChannel("/var/wd_pppoe.chanl", &msg, sizeof msg));
-    }
-    ASSERT_TRUE(gw::WaitUntil(
-        [&] { return Count(daemon_.Stderr(), "ppp_config.PingIP=") > before; }, 60000));
-  }
+  void Cycle() { gw::PppoeCycle(daemon_); }
   // Waits until the relay's memory check of syslog-ng has run to its end:
   // each check first replaces whatever stands at its listing's name, so a
   // link planted there and replaced twice marks a whole check.
@@ -137,10 +118,8 @@ TEST_F(Hardening, NoFixedNameIsWrittenThroughALink) {
   unlink("/gw/syslog-ng.vsz");
   EXPECT_EQ(Kind("/var/syslog-ng.conf"), S_IFREG);
   ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_CONFIG_CHANGE, MOD_ARP));
-  ASSERT_TRUE(gw::WaitUntil([] {  // the request written back into the tree
-    char query[16];
-    return tcapi_get("Watchdog_ARP", "Query", query) == 0 && strcmp(query, "0") == 0;
-  }));
+  ASSERT_TRUE(gw::WaitUntil([] { return gw::GetConfig("Watchdog_ARP", "Query") == "0"; }))
+      << "the request written back into the tree";
 
   struct stat tree;
   ASSERT_EQ(stat(TCAPI_TREE_PATH, &tree), 0);
@@ -149,47 +128,9 @@ TEST_F(Hardening, NoFixedNameIsWrittenThroughALink) {
     EXPECT_EQ(gw::ReadFile(victims[i]), kVictim) << kNames[i].name;
 }
 
-TEST_F(Hardening, TheCallIdComesOnlyFromARegularFile) {
-  mkdir("/var/tmp", 01777);
-  const char* callId = "/var/tmp/iptk_callid";
-  gw::WriteFile("/etc/secret", "s3cret\n");
-  SetConfig("Watchdog_VoIPStats", "Mode", "1");
-  SetConfig("Watchdog_VoIPStats", "Period", "0");
-  SetConfig("Watchdog_VoIPStats", "Query", "0");
-  ASSERT_TRUE(daemon_.Start());
-  ASSERT_TRUE(gw::WaitUntil([] {  // the module has read its mode and subscribed
-    char word[16];
-    return tcapi_get("VoipCurSet_WDQuery", "wordData", word) == 0 && strcmp(word, "1") == 0;
-  }));
-  // A link to a file the voice application never wrote, a FIFO nobody
-  // writes to (which would hold the module), then the application's file.
-  std::vector<std::string> ids;
-  for (int step = 0; step < 3; ++step) {
-    unlink(callId);
-    if (step == 0) {
-      ASSERT_EQ(symlink("/etc/secret", callId), 0);
-    } else if (step == 1) {
-      ASSERT_EQ(mkfifo(callId, 0666), 0);
-    } else {
-      gw::WriteFile(callId, "alice@voip.test\n");
-    }
-    ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_VOIP_STATS, 1,
-                                std::vector<unsigned char>(92, 0)));
-    ASSERT_TRUE(gw::WaitReports("voipstat", ids.size() + 1)) << "step " << step;
-    std::string field = gw::Reports("voipstat").back();
-    for (int i = 0; i < 4; ++i) field = field.substr(field.find('|') + 1);
-    ids.push_back(field.substr(0, field.find('|')));
-  }
-  EXPECT_EQ(ids, (std::vector<std::string>{"empty", "empty", "alice@voip.test"}));
-}
-
 TEST_F(Hardening, QueryRepliesGoOnlyToASocketOfTheDaemonsOwnUser) {
   ASSERT_TRUE(daemon_.Start());
-  int victim = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  strcpy(addr.sun_path, "/tmp/victim_sock");
-  ASSERT_EQ(bind(victim, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  int victim = gw::Bind("/tmp/victim_sock");
   const std::string dropped =
       "Query reply for module 11 to /tmp/wd_result_sock dropped: Permission denied\r\n";
   for (int step = 1; step <= 2; ++step) {
@@ -201,16 +142,14 @@ TEST_F(Hardening, QueryRepliesGoOnlyToASocketOfTheDaemonsOwnUser) {
       // target, bound again and handed to nobody.
       close(victim);
       unlink("/tmp/victim_sock");
-      victim = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-      strcpy(addr.sun_path, WD_RESULT_SOCK_PATH);
-      ASSERT_EQ(bind(victim, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+      victim = gw::Bind(WD_RESULT_SOCK_PATH);
       ASSERT_EQ(chown(WD_RESULT_SOCK_PATH, kNobody, kNobody), 0);
     }
     ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_QUERY, MOD_SAMPLE, 0));
     ASSERT_TRUE(gw::WaitUntil([&] { return Count(daemon_.Stderr(), dropped) == size_t(step); }))
         << daemon_.Stderr();
     char buf[64];
-    EXPECT_LT(recv(victim, buf, sizeof buf, 0), 0) << "step " << step;
+    EXPECT_LT(recv(victim, buf, sizeof buf, MSG_DONTWAIT), 0) << "step " << step;
   }
   close(victim);
   gw::ResultSocket results;
@@ -228,11 +167,11 @@ TEST_F(Hardening, ARacerForTheNamesInTmpNeverWins) {
     daemon_.Kill();
     unlink(WD_CMD_SOCK_PATH);  // free again for the racer
   }
-  Stop(racer);
+  gw::Stop(racer);
   ASSERT_TRUE(daemon_.Start());
   racer = Racer("/tmp/ppp_status");
   for (int cycle = 0; cycle < 60; ++cycle) Cycle();
-  Stop(racer);
+  gw::Stop(racer);
   EXPECT_EQ(Count(daemon_.Stderr(), "fail to open file"), 0u);
 }
 
@@ -254,8 +193,8 @@ TEST_F(Hardening, AnotherUsersProgramThatLooksLikeSyslogNgIsNoReasonToRestartIt)
   ASSERT_TRUE(gw::WaitUntil(
       [&] { return Count(daemon_.Stderr(), "Restart syslog-ng process !") >= 1; }, 30000));
   unlink("/gw/syslog-ng.vsz");
-  Stop(own);
-  Stop(other);
+  gw::Stop(own);
+  gw::Stop(other);
 }
 
 }  // namespace

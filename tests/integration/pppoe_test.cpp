@@ -1,9 +1,8 @@
 // The PPPoE module in the running daemon, on the gateway's simulated WAN link:
 // a real ppp0 whose far end (pings, DNS) lives in the provider's namespace.
-// Check cycles are driven one at a time by injecting TIMER_EXPIRED into the
-// module's channel (its own timer is set far off); a CONFIG_CHANGE after each
-// one marks its end on the debug console. The daemon runs with -d, so each
-// alarm is traced ("syslogstr=") by the module thread before the cycle ends.
+// Check cycles are driven one at a time (the module's own timer is set far
+// off). The daemon runs with -d, so each alarm is traced ("syslogstr=") by the
+// module thread before the cycle ends.
 
 #include "gateway.h"
 
@@ -23,30 +22,13 @@ class PppoeLink : public ::testing::Test {
     SetConfig("Watchdog_PPP", "AlertAfter", "0");
     SetConfig("Watchdog_PPP", "MaxReset", "0");
   }
-  void Start() {
-    ASSERT_TRUE(daemon_.Start({"-d"}));
-    ASSERT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_pppoe.chanl"); }));
-  }
-  // Waits until the module has handled every event sent to it so far: a
-  // CONFIG_CHANGE, which also makes it read the configuration anew.
-  void Barrier() {
-    ++configs_;
-    wdMsg marker = gw::Event(CONFIG_CHANGE, MOD_PPPOE);
-    ASSERT_TRUE(gw::SendToChannel("/var/wd_pppoe.chanl", &marker, sizeof marker));
-    ASSERT_TRUE(gw::WaitUntil(
-        [&] { return Count(daemon_.Stderr(), "ppp_config.PingIP=") >= configs_; }, 60000));
-  }
+  void Start() { ASSERT_TRUE(daemon_.Start({"-d"})); }
+  void Cycle() { gw::PppoeCycle(daemon_); }
   // Sets "Watchdog_PPP" `attr`, makes the module read it, runs a cycle.
   void CycleWith(const char* attr, const std::string& value) {
     SetConfig("Watchdog_PPP", attr, value);
-    Barrier();
+    gw::PppoeBarrier(daemon_);
     Cycle();
-  }
-  // Runs one check cycle and waits for its end.
-  void Cycle() {
-    wdMsg expired = gw::Event(TIMER_EXPIRED, MOD_PPPOE);
-    ASSERT_TRUE(gw::SendToChannel("/var/wd_pppoe.chanl", &expired, sizeof expired));
-    Barrier();
   }
   // The alarms reported so far, as the module traced them.
   static std::vector<std::string> Alarms() {
@@ -69,7 +51,6 @@ class PppoeLink : public ::testing::Test {
   }
 
   gw::Daemon daemon_;
-  size_t configs_ = 0;
 };
 
 TEST_F(PppoeLink, LinkDownIsCountedThenResetThenOnlyReportedUntilTheDailyClear) {

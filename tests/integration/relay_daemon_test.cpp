@@ -56,7 +56,7 @@ TEST(RelayFlash, ARestoredCopyIsSavedAgainAtOnceUsr1TracesUsr2DumpsReloadMarksOn
   EXPECT_EQ(gw::Run("wdctl reload").status, 0);
   gw::ResultSocket results;
   EXPECT_EQ(results.Query(MOD_SAMPLE), WD_QUERY_NOT_RUNNING);  // the command has been handled
-  fake.SetPid(101);  // a new syslog-ng: every line goes out again
+  gw::WriteFile("/var/run/syslog-ng.pid", "101\n");  // a new syslog-ng: every line goes again
   ASSERT_TRUE(fake.WaitForCount(4));
   std::vector<std::string> got = fake.Received();
   EXPECT_EQ(got[2], "520 1#" + kPppLine + "#1") << "only the next datagram is marked";

@@ -1,4 +1,4 @@
-// The VoIP, IGMP and general command modules in the running daemon (-d, 100
+// The VoIP and IGMP modules in the running daemon (-d, 100
 // times faster), with the gateway's voice application answering the VoIP
 // queries and the real syslog-ng taking the reports.
 //
@@ -8,7 +8,6 @@
 // that every query written before it has been seen.
 
 #include "gateway.h"
-#include "tcapi.h"
 
 using gw::Count;
 using gw::Reports;
@@ -30,24 +29,19 @@ class Services : public ::testing::Test {
   void SetUp() override {
     SetConfig("Watchdog_Common", "Enable", "1");
     SetConfig("Watchdog_VoIPStatus", "RegisterTimer", "30");
-    SetConfig("Watchdog_VoIPStatus", "ImproperConfEnable", "1");
   }
   void Start() { ASSERT_TRUE(daemon_.Start({"-d"})); }
   // Waits until the registration module's query has been answered twice more.
   void Tick() {
-    size_t answers = Count(Joined(), "answer register");
+    size_t answers = Count(VoiceLog(), "answer register");
     ASSERT_TRUE(voice_.WaitFor("answer register", answers + 2));
   }
-  std::string Joined() {
-    std::string all;
-    for (const std::string& line : voice_.Log()) all += line + "\n";
-    return all;
-  }
+  static std::string VoiceLog() { return gw::ReadFile(gw::VoiceApp::kLog); }
   // Waits until every statistics record answered so far has been reported
   // (and "Query" reset before each report).
   void Settled() {
     ASSERT_TRUE(gw::WaitUntil(
-        [&] { return Reports("voipstat").size() >= Count(Joined(), "answer stats"); }, 20000));
+        [&] { return Reports("voipstat").size() >= Count(VoiceLog(), "answer stats"); }, 20000));
   }
   static void Config(uint16_t mod) {
     ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_CONFIG_CHANGE, mod));
@@ -78,9 +72,7 @@ TEST_F(Services, VoipStatisticsInEachModeEndToEnd) {
   EXPECT_EQ(f[1][0], f[0][1]);
   EXPECT_EQ(f[2][0], f[1][1]);
   EXPECT_TRUE(voice_.WaitFor("query wordData=6", 3));
-  char query[16];
-  tcapi_get("Watchdog_VoIPStats", "Query", query);
-  EXPECT_STREQ(query, "0") << "reset after a report";
+  EXPECT_EQ(gw::GetConfig("Watchdog_VoIPStats", "Query"), "0") << "reset after a report";
 
   // 2 -> 3 (no delay) -> 2 with the same period: the periodic timer stays
   // stopped, as the stored period did not change.
@@ -91,9 +83,9 @@ TEST_F(Services, VoipStatisticsInEachModeEndToEnd) {
   Config(MOD_VOIP_STATS);
   ASSERT_TRUE(voice_.WaitFor("query wordData=2"));
   Settled();
-  size_t periodic = Count(Joined(), "query wordData=6");
+  size_t periodic = Count(VoiceLog(), "query wordData=6");
   for (int i = 0; i < 4; ++i) Tick();  // 240 s
-  EXPECT_EQ(Count(Joined(), "query wordData=6"), periodic);
+  EXPECT_EQ(Count(VoiceLog(), "query wordData=6"), periodic);
   std::string console = daemon_.NewStderr();
   EXPECT_EQ(Count(console, "MDMOID_QORV_WATCH_DOG_VOIP_STATS \n"), 2u);
   EXPECT_EQ(Count(console, "Timer change, set new timer"), 0u);
@@ -109,11 +101,7 @@ TEST_F(Services, VoipStatisticsInEachModeEndToEnd) {
   reports = Reports("voipstat");
   for (size_t i = before; i < before + 2; ++i)
     EXPECT_NE(reports[i].find("|3|60|OnDemand|"), std::string::npos) << reports[i];
-  ASSERT_TRUE(gw::WaitUntil([] {
-    char q[16];
-    tcapi_get("Watchdog_VoIPStats", "Query", q);
-    return strcmp(q, "0") == 0;
-  }));
+  ASSERT_TRUE(gw::WaitUntil([] { return gw::GetConfig("Watchdog_VoIPStats", "Query") == "0"; }));
   Config(MOD_VOIP_STATS);
   ASSERT_TRUE(voice_.WaitFor("query wordData=3", 3));
   console = daemon_.NewStderr();
@@ -136,48 +124,6 @@ TEST_F(Services, VoipStatisticsInEachModeEndToEnd) {
   EXPECT_EQ(std::stol(call[1]) - std::stol(call[0]), 3);
   EXPECT_EQ(call[5], "150") << "3 s of 50 packets";
   EXPECT_EQ(call[12] + call[13] + call[14], "111") << "one incoming call answered";
-}
-
-TEST_F(Services, VoipRegistrationAlarmsFollowEachAnswer) {
-  auto reported = [](const std::string& text) {
-    return gw::WaitUntil(
-        [&] {
-          std::vector<std::string> r = Reports("voipreg");
-          return std::find(r.begin(), r.end(), text) != r.end();
-        },
-        20000);
-  };
-  Start();
-  ASSERT_TRUE(voice_.WaitFor("answer register counter=0 status=0"));
-  voice_.Ctl("register 2");  // before any configuration change the switch is off
-  ASSERT_TRUE(WaitReports("voipreg", 1));
-  EXPECT_EQ(Reports("voipreg")[0], "ALARM_SIP_REGISTER_FAILURE|1");
-  Config(MOD_VOIP_REGISTER);  // switch on: status 2 is improper configuration
-  ASSERT_TRUE(gw::WaitUntil([] {
-    std::vector<std::string> r = Reports("voipreg");
-    return r.back().rfind("ALARM_SIP_CLIENT_IMPROPER_CONFIGURATION|", 0) == 0;
-  }));
-  voice_.Ctl("register 7 -5");  // the counter goes out as the application sent it
-  ASSERT_TRUE(reported("ALARM_SIP_REGISTER_FAILURE|-5"));
-  EXPECT_NE(daemon_.Stderr().find("VoIP registration status 7 is unknown, reported as a "
-                                  "registration failure\n"),
-            std::string::npos);
-  voice_.Ctl("register 0");
-  Tick();
-  voice_.Ctl("register 1 100");
-  ASSERT_TRUE(reported("ALARM_SIP_REGISTER_FAILURE|100"));
-
-  // One report for each answer with a non-zero status, none for status 0.
-  std::vector<std::string> reports = Reports("voipreg");
-  size_t failed = 0;
-  for (const std::string& line : voice_.Log()) {
-    failed += line.rfind("answer register", 0) == 0 && line.find("status=0") == std::string::npos;
-    if (line.find("counter=100 status=1") != std::string::npos) break;
-  }
-  EXPECT_EQ(std::find(reports.begin(), reports.end(), "ALARM_SIP_REGISTER_FAILURE|100") -
-                reports.begin() + 1,
-            static_cast<long>(failed));
-  EXPECT_EQ(Count(Joined(), "wordData"), 0u) << "the registration query has no wordData";
 }
 
 TEST_F(Services, IgmpTimerFollowsItsPeriod) {
@@ -203,30 +149,6 @@ TEST_F(Services, IgmpTimerFollowsItsPeriod) {
   Config(MOD_IGMP);
   ASSERT_TRUE(gw::WaitUntil([] { return Count(gw::Console(), "clear timer") == 1; }));
   EXPECT_TRUE(Reports("igmp").empty());
-}
-
-TEST_F(Services, GeneralModuleRunsANewShellCommandOnce) {
-  Start();
-  auto runs = [](const std::string& text) {
-    size_t n = 0;
-    for (const std::string& r : Reports("shell")) n += r.find(text) != std::string::npos;
-    return n;
-  };
-  SetConfig("Watchdog_Common", "ShellCommand", "echo one; echo '  two'");
-  Config(MOD_GENERAL);
-  ASSERT_TRUE(gw::WaitUntil([&] { return runs("echo one; echo '  two'|2| two") == 1; }));
-  Config(MOD_GENERAL);  // unchanged: not run again
-  ASSERT_TRUE(gw::WaitUntil([] { return Count(gw::Console(), "has run already") == 1; }));
-  SetConfig("Watchdog_Common", "ShellCommand", "echo three");
-  Config(MOD_GENERAL);
-  ASSERT_TRUE(gw::WaitUntil([&] { return runs("echo three|1| three") == 1; }));
-  SetConfig("Watchdog_Common", "ShellCommand", "");
-  Config(MOD_GENERAL);
-  ASSERT_TRUE(gw::WaitUntil([] { return Count(gw::Console(), "ShellCommand is empty") == 1; }));
-  SetConfig("Watchdog_Common", "ShellCommand", "echo three");
-  Config(MOD_GENERAL);  // cleared in between: runs again
-  ASSERT_TRUE(gw::WaitUntil([&] { return runs("echo three|1| three") == 2; }));
-  EXPECT_EQ(runs("|1| one"), 1u);
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 // The TR-069 and process monitor modules in the running daemon (-d, 100 times
 // faster) against the gateway's real service processes: the TR-069 client
 // /userfs/bin/tr69 with the operator's ACS (acsSim), udhcpd, mini_httpd and
-// pppd, and the real syslog-ng taking the reports.
+// pppd. The TR-069 alarms' texts are checked by the module's unit test.
 #include <signal.h>
 
 #include "gateway.h"
-#include "tcapi.h"
 
 using gw::Count;
 using gw::Reports;
@@ -17,12 +16,10 @@ std::string Pid(const std::string& name) { return gw::Run("busybox pidof " + nam
 
 bool Running(const std::string& name) { return gw::Run("busybox pidof " + name).status == 0; }
 
-size_t LogCount(const std::string& log, const std::string& needle) {
-  return Count(gw::ReadFile(log), needle);
-}
-
+// A peer's log line: a restarted client's second Inform may take long on a
+// loaded machine.
 bool WaitLog(const std::string& log, const std::string& needle, size_t n = 1) {
-  return gw::WaitUntil([&] { return LogCount(log, needle) >= n; }, 60000);
+  return gw::WaitFor(log, needle, n, 60000);
 }
 
 class Supervision : public ::testing::Test {
@@ -39,9 +36,6 @@ class Supervision : public ::testing::Test {
     std::string command;
     for (const std::string& word : gw::Faketime(100)) command += "'" + word + "' ";
     ASSERT_EQ(gw::Run(command + "/userfs/bin/tr69 < /dev/null > /dev/null 2>&1 &").status, 0);
-  }
-  static void AcsMode(const std::string& mode) {
-    ASSERT_EQ(gw::Run("acsSim mode " + mode).status, 0);
   }
   static void Credentials(const std::string& conReq, const std::string& acs) {
     for (const char* attr : {"conReqUserName", "conReqPassword"})
@@ -64,10 +58,7 @@ TEST_F(Supervision, SilentAcsRestartsTheClientInPeriodicMode) {
   StartClient();
   ASSERT_TRUE(WaitLog("/var/log/tr69", "inform BOOT answered"));
   std::string first = Pid("tr69");
-  AcsMode("silent");
-  ASSERT_TRUE(gw::WaitReports("tr069", 1));
-  EXPECT_EQ(Reports("tr069")[0],
-            "ALARM_TR069_COMMNUNICATION_CPE_ACS_FAILURE-TR069_PROCESS_RESTART");
+  ASSERT_EQ(gw::Run("acsSim mode silent").status, 0);
   // killall -9 took the old client; the new one started in "periodic" mode.
   ASSERT_TRUE(WaitLog("/var/log/tr69", "restartmode=periodic"));
   EXPECT_NE(Pid("tr69"), first);
@@ -76,11 +67,10 @@ TEST_F(Supervision, SilentAcsRestartsTheClientInPeriodicMode) {
 
 TEST_F(Supervision, StalledRegistrationRestoresTheFactoryCredentials) {
   Credentials("KPRTV4826", "WBN5937");
-  AcsMode("stall");  // sets the connection-request credentials, never the ACS ones
+  // The ACS sets the connection-request credentials, never the ACS ones.
+  ASSERT_EQ(gw::Run("acsSim mode stall").status, 0);
   Start();
   StartClient();
-  ASSERT_TRUE(gw::WaitReports("tr069", 1));
-  EXPECT_EQ(Reports("tr069")[0], "ALARM_TR069_REGISTRATION_FAILURE-TR069_PROCESS_RESTART");
   ASSERT_TRUE(WaitLog("/var/log/tr69", "restartmode=boottrap"));
   // The restarted client registers from scratch with the factory credentials.
   EXPECT_TRUE(WaitLog("/var/log/acsSim", "inform BOOTSTRAP KPRTV4826 WBN5937", 2));

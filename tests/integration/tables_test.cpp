@@ -3,19 +3,12 @@
 // LAN hosts behind br0, the WAN link on ppp0, nas1 and nas2, routes added and
 // deleted with ip, and the real syslog-ng taking the reports.
 #include "gateway.h"
-#include "tcapi.h"
 
 using gw::Count;
 using gw::Reports;
 using gw::SetConfig;
 
 namespace {
-
-std::string Config(const char* node, const char* attr) {
-  char value[64] = {0};
-  tcapi_get(node, attr, value);
-  return value;
-}
 
 // The number of entries in the kernel's neighbour table (a line each after
 // the header).
@@ -39,7 +32,7 @@ class NetTables : public ::testing::Test {
     Change(MOD_ARP);
   }
   static bool ArpReads(const char* attr, const std::string& value) {
-    return gw::WaitUntil([&] { return Config("Watchdog_ARP", attr) == value; });
+    return gw::WaitUntil([&] { return gw::GetConfig("Watchdog_ARP", attr) == value; });
   }
   // Sets "Watchdog_Route" `attr` and tells the module.
   static void Route(const char* attr, const char* value) {
@@ -47,7 +40,7 @@ class NetTables : public ::testing::Test {
     Change(MOD_IP_ROUTE);
   }
   static bool RouteQueried() {
-    return gw::WaitUntil([] { return Config("Watchdog_Route", "Query") == "0"; });
+    return gw::WaitUntil([] { return gw::GetConfig("Watchdog_Route", "Query") == "0"; });
   }
   gw::Daemon daemon_;
 };
@@ -84,12 +77,12 @@ TEST_F(NetTables, ArpQueryReportsTheKernelTableAndResetEmptiesIt) {
   Ping("192.168.1.101");
   Arp("yes", "1");
   ASSERT_TRUE(ArpReads("Query", "0"));
-  EXPECT_EQ(Config("Watchdog_ARP", "ResetTable"), "yes");
+  EXPECT_EQ(gw::GetConfig("Watchdog_ARP", "ResetTable"), "yes");
   ASSERT_TRUE(gw::WaitReports("arp", 4));
   EXPECT_EQ(Reports("arp")[3].substr(0, 31), "00:11:22:33:44:66|192.168.1.101");
   Arp("1", "01");
   ASSERT_TRUE(ArpReads("ResetTable", "0"));
-  EXPECT_EQ(Config("Watchdog_ARP", "Query"), "01");
+  EXPECT_EQ(gw::GetConfig("Watchdog_ARP", "Query"), "01");
   ASSERT_TRUE(gw::WaitUntil([] { return Neighbours() == 0; }));
   // The next report is the next query's: "01" reported nothing.
   Ping("192.168.1.100");

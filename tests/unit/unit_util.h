@@ -35,6 +35,16 @@ inline std::string Slurp(const char* path) {
   return ss.str();
 }
 
+inline bool Exists(const char* path) { return access(path, F_OK) == 0; }
+
+// What `run` wrote to the debug console (standard error).
+template <typename F>
+std::string Said(F run) {
+  testing::internal::CaptureStderr();
+  run();
+  return testing::internal::GetCapturedStderr();
+}
+
 // Number of occurrences of `needle` in `text`.
 inline size_t Count(const std::string& text, const std::string& needle) {
   size_t n = 0;
@@ -71,6 +81,16 @@ class ScopedBuffer {
     wdLock lock(&bufMutex);
     std::vector<std::string> out;
     for (wdBufNode* n = list.head; n != nullptr; n = n->next) out.push_back(n->obj->msg);
+    return out;
+  }
+  // Their report texts, without "my.app.wd.CATEGORY.ID: SECONDS|"; each line
+  // is checked to be of `category`.
+  std::vector<std::string> Texts(const std::string& category) {
+    std::vector<std::string> out;
+    for (const std::string& line : Lines()) {
+      EXPECT_EQ(line.rfind("my.app.wd." + category + ".", 0), 0u) << line;
+      out.push_back(line.substr(line.find('|') + 1));
+    }
     return out;
   }
 

@@ -8,8 +8,6 @@
 
 namespace {
 
-bool Exists(const char* path) { return access(path, F_OK) == 0; }
-
 class BufferTest : public ::testing::Test {
  protected:
   void SetUp() override { unlink(WD_FLASH_FILE); }
@@ -46,17 +44,15 @@ class BufferTest : public ::testing::Test {
       wdLock lock(&bufMutex);
       wd_flashTake(&list_, &copy);
     }
-    testing::internal::CaptureStderr();
-    int result = saveMsgToFlash(&copy);
+    int result;
+    std::string said = Said([&] { result = saveMsgToFlash(&copy); });
     if (rc != nullptr) *rc = result;
-    return testing::internal::GetCapturedStderr();
+    return said;
   }
   // Loads `file` as the flash copy and returns what the loader said.
   std::string Load(const std::string& file) {
     std::ofstream(WD_FLASH_FILE, std::ios::binary) << file;
-    testing::internal::CaptureStderr();
-    loadMsgToWDBuf(wd_syslogPush);
-    return testing::internal::GetCapturedStderr();
+    return Said([] { loadMsgToWDBuf(wd_syslogPush); });
   }
 
   static void SetSeq(int32_t seq) {
@@ -164,12 +160,12 @@ TEST_F(BufferTest, LoaderRestoresLinesRenumberedAndRemovesTheFile) {
   }
   EXPECT_FALSE(Exists(WD_FLASH_FILE));
   buffer_.Clear();
-  unlink(WD_FLASH_FILE);
-  testing::internal::CaptureStderr();
-  EXPECT_NE(loadMsgToWDBuf(wd_syslogPush), 0) << "rm of a missing file fails";
-  EXPECT_NE(testing::internal::GetCapturedStderr().find(
-                "could not open /data/syslogmsg, file does not exist\n"),
+  int rc = 0;
+  EXPECT_NE(Said([&] {
+              rc = loadMsgToWDBuf(wd_syslogPush);
+            }).find("could not open /data/syslogmsg, file does not exist\n"),
             std::string::npos);
+  EXPECT_NE(rc, 0) << "rm of a missing file fails";
 }
 
 TEST_F(BufferTest, LoaderSurvivesDamagedCopies) {

@@ -1,20 +1,11 @@
-// The shell-command runner: how output lines become reports, and a command
-// that does not end.
-#include "wd_general.h"
+// The general command module: when a configured command runs, how its output
+// lines become reports, and a command that does not end. The module's event
+// handler is compiled in from its source.
+#include "wd_general.cpp"
 
 #include "unit_util.h"
 
 namespace {
-
-// The report texts in the buffer, without their "my.app.wd.shell.ID: SECONDS|".
-std::vector<std::string> Texts(ScopedBuffer& buffer) {
-  std::vector<std::string> out;
-  for (const std::string& line : buffer.Lines()) {
-    EXPECT_EQ(line.rfind("my.app.wd.shell.", 0), 0u) << line;
-    out.push_back(line.substr(line.find('|') + 1));
-  }
-  return out;
-}
 
 TEST(GeneralRunner, EachOutputLineIsAReportNumberedPerRun) {
   ScopedBuffer buffer;
@@ -22,7 +13,7 @@ TEST(GeneralRunner, EachOutputLineIsAReportNumberedPerRun) {
   executeShellCommand("printf 'one\\ntwo'");
   executeShellCommand("true");  // no output, no report
   executeShellCommand("exit 3");
-  EXPECT_EQ(Texts(buffer),
+  EXPECT_EQ(buffer.Texts("shell"),
             (std::vector<std::string>{
                 "printf '  abc\\n\\n \\t\\r\\nx\\n'|1| abc",
                 "printf '  abc\\n\\n \\t\\r\\nx\\n'|2| ", "printf '  abc\\n\\n \\t\\r\\nx\\n'|3| ",
@@ -35,7 +26,7 @@ TEST(GeneralRunner, LongLinesComeInPiecesOf511Characters) {
   ScopedBuffer buffer;
   // 510 a, b as the 511th character, 9 c and a line end.
   executeShellCommand("printf '%0510d' 0 | tr 0 a; printf 'bccccccccc\\n'");
-  std::vector<std::string> texts = Texts(buffer);
+  std::vector<std::string> texts = buffer.Texts("shell");
   ASSERT_EQ(texts.size(), 2u);
   std::string first = texts[0].substr(texts[0].find("|1| "));
   EXPECT_EQ(first.substr(0, 8), "|1| aaaa");
@@ -45,16 +36,39 @@ TEST(GeneralRunner, LongLinesComeInPiecesOf511Characters) {
 
 TEST(GeneralRunner, ACommandThatDoesNotEndIsStoppedWithAllItStarted) {
   ScopedBuffer buffer;
-  testing::internal::CaptureStderr();
   // The shell ends at once, but its child keeps the output open.
-  mod_generalRun("echo started; sleep 1000 &", 1);
-  std::string console = testing::internal::GetCapturedStderr();
   EXPECT_EQ(
-      console,
+      Said([] { mod_generalRun("echo started; sleep 1000 &", 1); }),
       "executeShellCommand: \"echo started; sleep 1000 &\" still running after 1 s, stopped\n");
-  EXPECT_EQ(Texts(buffer), (std::vector<std::string>{"echo started; sleep 1000 &|1| started"}));
+  EXPECT_EQ(buffer.Texts("shell"),
+            (std::vector<std::string>{"echo started; sleep 1000 &|1| started"}));
   EXPECT_TRUE(WaitUntil([] { return system("grep -qs '(sleep) [^Z]' /proc/[0-9]*/stat") != 0; }))
       << "the background sleep was killed too";
+}
+
+TEST(GeneralModule, AConfiguredCommandRunsWhenItIsNewAndNotCut) {
+  ScopedBuffer buffer;
+  debuglevel = 1;
+  truncate("/dev/console", 0);
+  char lastRun[kCommandSize] = {0};
+  auto change = [&](const std::string& command) {  // the reports made so far
+    tcapi_set("Watchdog_Common", "ShellCommand", command.c_str());
+    wdMsg msg = {};
+    msg.eventType = CONFIG_CHANGE;
+    OnEvent(&msg, lastRun);
+    return buffer.Texts("shell").size();
+  };
+  EXPECT_EQ(change("echo one"), 1u);
+  EXPECT_EQ(change("echo one"), 1u) << "unchanged: not run again";
+  EXPECT_EQ(change("echo two"), 2u);
+  EXPECT_EQ(change(""), 2u);
+  EXPECT_EQ(change("echo two"), 3u) << "cleared in between: runs again";
+  std::string said = Said([&] { EXPECT_EQ(change("echo " + std::string(538, 'x')), 3u); });
+  EXPECT_EQ(said, "ShellCommand of 543 characters or more may be cut, not run\n");
+  std::string console = Slurp("/dev/console");
+  EXPECT_EQ(Count(console, "ShellCommand \"echo one\" has run already"), 1u);
+  EXPECT_EQ(Count(console, "ShellCommand is empty"), 1u);
+  debuglevel = 0;
 }
 
 }  // namespace

@@ -29,9 +29,7 @@ class ModThreadTest : public ::testing::Test {
   }
   // Runs wd_creatModThreads: its console text, then the running modules.
   static std::string Create() {
-    testing::internal::CaptureStderr();
-    wd_creatModThreads();
-    std::string out = testing::internal::GetCapturedStderr() + "|";
+    std::string out = Said(wd_creatModThreads) + "|";
     for (int id = 0; id < WD_MOD_NUM; ++id) {
       if (Running(id)) out += " " + std::to_string(id);
     }
@@ -76,9 +74,7 @@ TEST_F(ModThreadTest, ConfiguredModulesStartWithTheirPeriods) {
   tcapi_set("Watchdog_Route", "Mode", "1");
   tcapi_set("Watchdog_Route", "Timer", "70");
   tcapi_set("Watchdog_VoIPStatus", "RegisterTimer", "15");
-  testing::internal::CaptureStderr();
-  wd_creatModThreads();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(Said(wd_creatModThreads),
             "\r\ntr069Obj->registerTimer = 60\r\n"
             "voipStatusObj->registerTimer is not 0, So start Voip register modurle");
   std::vector<uint32_t> timers;

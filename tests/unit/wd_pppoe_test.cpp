@@ -30,9 +30,7 @@ TEST_F(PppoeTest, ConfigurationIsReadConvertedAndCut) {
   tcapi_set("Watchdog_PPP", "MaxReset", "x2");
   tcapi_set("Watchdog_PPP", "PingIP", "100.100.100.100");  // 15 characters
   tcapi_set("Watchdog_PPP", "LookupDomain", "wan.test");
-  testing::internal::CaptureStderr();
-  mod_pppoe_config_init();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(Said(mod_pppoe_config_init), "");
   EXPECT_EQ(ppp_config.Timer, 30u);
   EXPECT_EQ(ppp_config.AlertAfter, 3u);
   EXPECT_EQ(ppp_config.MaxReset, 0u) << "not a number";
@@ -41,9 +39,7 @@ TEST_F(PppoeTest, ConfigurationIsReadConvertedAndCut) {
   tcapi_set("Watchdog_PPP", "PingIP", "100.100.100.1001");  // 16
   std::string domain(300, 'd');
   tcapi_set("Watchdog_PPP", "LookupDomain", domain.c_str());
-  testing::internal::CaptureStderr();
-  mod_pppoe_config_init();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(Said(mod_pppoe_config_init),
             "String is too long. 100.100.100.1001\nString is too long. " + domain + "\n");
   EXPECT_STREQ(ppp_config.PingIP, "100.100.100.100");
   EXPECT_EQ(std::string(ppp_config.LookupDomain), std::string(255, 'd'));
@@ -65,11 +61,10 @@ TEST_F(PppoeTest, ResetCommitsOnlyAPppoeConnectionAndAlarmsSayNullForTheUnseen) 
   memset(interface_status, 'f', 255);
   memset(addr_6backup, 'a', 39);
   mod_pppoe_AlarmSyslog("PRIV_IP");
+  EXPECT_EQ(buffer_.Texts("ppp"), (std::vector<std::string>{"PPP_DOWN_NO_RESET|null|null|null",
+                                                            "PRIV_IP|" + std::string(254, 'f') +
+                                                                "|null|" + std::string(38, 'a')}));
   wdLock lock(&bufMutex);
-  std::string first = buffer_.list.head->obj->msg, second = buffer_.list.tail->obj->msg;
-  EXPECT_EQ(first.substr(first.find('|') + 1), "PPP_DOWN_NO_RESET|null|null|null");
-  EXPECT_EQ(second.substr(second.find('|') + 1),
-            "PRIV_IP|" + std::string(254, 'f') + "|null|" + std::string(38, 'a'));
   EXPECT_EQ(buffer_.list.head->obj->category, 6u);
 }
 

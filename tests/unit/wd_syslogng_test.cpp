@@ -7,7 +7,6 @@
 namespace {
 
 void Write(const char* path, const std::string& text) { std::ofstream(path) << text; }
-bool Exists(const char* path) { return access(path, F_OK) == 0; }
 
 const char* kLocal =
     "destination d_local {\nfile(\"/var/log/messages\" template(t_demo_filetemplate));\n};\n";
@@ -23,12 +22,7 @@ class SyslogNgTest : public ::testing::Test {
     tcapi_set("Watchdog_Common", "Enable", "1");
   }
   void TearDown() override { kill_process("/var/run/syslog-ng.pid", "syslog-ng"); }
-  // Runs RestartSysklogng and returns what it wrote to the debug console.
-  static std::string Restart() {
-    testing::internal::CaptureStderr();
-    RestartSysklogng();
-    return testing::internal::GetCapturedStderr();
-  }
+  static std::string Restart() { return Said(RestartSysklogng); }
   static std::string Appended() {
     return Slurp("/var/syslog-ng.conf").substr(Slurp("/etc/syslog-ng.conf").size());
   }

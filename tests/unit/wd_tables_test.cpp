@@ -21,16 +21,6 @@ File Sample(const std::string& text) {
   return f;
 }
 
-// The report texts in the buffer, without "my.app.wd.CATEGORY.ID: SECONDS|".
-std::vector<std::string> Texts(ScopedBuffer& buffer, const std::string& category) {
-  std::vector<std::string> out;
-  for (const std::string& line : buffer.Lines()) {
-    EXPECT_EQ(line.rfind("my.app.wd." + category + ".", 0), 0u) << line;
-    out.push_back(line.substr(line.find('|') + 1));
-  }
-  return out;
-}
-
 const std::string kArpHeader =
     "IP address       HW type     Flags       HW address            Mask     Device\n";
 
@@ -52,7 +42,7 @@ TEST(ArpTable, EntriesJoinTheirDeviceGlobalAddress) {
   mod_arpReport(nullptr, nullptr);                           // no ARP table: nothing
   // The link-local address of br0 comes first in the file but is not global;
   // the second entry on br0 finds the same address (the file is rewound).
-  EXPECT_EQ(Texts(buffer, "arp"),
+  EXPECT_EQ(buffer.Texts("arp"),
             (std::vector<std::string>{
                 "00:11:22:33:44:55|192.168.1.100|20010db8000000000000000000000001|br0|0x2",
                 "00:11:22:33:44:66|10.0.0.1||nas0|0x6",
@@ -73,7 +63,7 @@ TEST(RouteTable, RowsUntilTheFirstShortOneWithLongWordsCut) {
   mod_routeReport(route.get());
   // A word longer than a column is cut to 15 characters; the columns after it
   // stay in place.
-  EXPECT_EQ(Texts(buffer, "route"),
+  EXPECT_EQ(buffer.Texts("route"),
             (std::vector<std::string>{"default|203.0.113.1|0.0.0.0|UG|0|0|0|ppp0",
                                       "192.168.1.0|*|255.255.255.0|U|0|0|0|br0",
                                       "xxxxxxxxxxxxxxx|a|b|c|d|e|f|yyyyyyyyyyyyyyy"}));

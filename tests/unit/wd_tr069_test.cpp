@@ -30,12 +30,7 @@ class Tr069Test : public ::testing::Test {
     tcapi_set("Cwmp_Entry", "acsUserName", au);
     tcapi_set("Cwmp_Entry", "acsPassword", ap);
   }
-  // The report texts in the buffer, without "my.app.wd.tr069.ID: SECONDS|".
-  std::vector<std::string> Reports() {
-    std::vector<std::string> out;
-    for (const std::string& line : buffer_.Lines()) out.push_back(line.substr(line.find('|') + 1));
-    return out;
-  }
+  std::vector<std::string> Reports() { return buffer_.Texts("tr069"); }
   static void Ticks(int n) {
     for (int i = 0; i < n; ++i) mod_tr069Event(TIMER_EXPIRED);
   }

@@ -1,8 +1,8 @@
 // The VoIP modules' pieces: the statistics record as the device sends it and
-// its report text, the call id file, and the registration alarm prefixes.
-// The modules' loops run against the voice application in the integration
-// tests.
-#include "wd_voipregister.h"
+// its report text, the call id file, and the registration module's handling
+// of each answer (compiled in from its source). The statistics module's modes
+// run against the voice application in the integration tests.
+#include "wd_voipregister.cpp"
 #include "wd_voipstats.h"
 
 #include "unit_util.h"
@@ -43,14 +43,18 @@ TEST(VoipStats, RecordIsReadInDeviceOrderAndUnusedFieldsReportZero) {
                "142072|12000|78536|145072|15000|81536|148072|18000|84536|0|0|0");
 }
 
-TEST(VoipStats, CallIdIsTheFileFirstLineWithoutItsLastCharacter) {
-  mkdir("/var/tmp", 0755);
-  auto callId = [](const char* content) {  // null: no file
-    unlink("/var/tmp/iptk_callid");
-    if (content != nullptr) std::ofstream("/var/tmp/iptk_callid") << content;
+TEST(VoipStats, CallIdIsTheFirstLineOfARegularFileWithoutItsLastCharacter) {
+  mkdir("/var/tmp", 01777);
+  const char* path = "/var/tmp/iptk_callid";
+  auto read = [] {
     char id[128] = {0};
     mod_voipStatsCallId(id);
     return std::string(id);
+  };
+  auto callId = [&](const char* content) {  // null: no file
+    unlink(path);
+    if (content != nullptr) std::ofstream(path) << content;
+    return read();
   };
   EXPECT_EQ(callId(nullptr), "empty");
   EXPECT_EQ(callId(""), "empty");
@@ -59,19 +63,49 @@ TEST(VoipStats, CallIdIsTheFileFirstLineWithoutItsLastCharacter) {
   std::string longId(127, 'c');
   EXPECT_EQ(callId(longId.c_str()), longId.substr(0, 126)) << "no line end: a character is lost";
   EXPECT_EQ(callId("a\x1b[2J|b\tc\n"), "a?[2J?b?c") << "nothing that breaks a line";
-  unlink("/var/tmp/iptk_callid");
+  // /var/tmp is anyone's: a link there (to a file the voice application never
+  // wrote) and a FIFO nobody writes to (which would hold the module) read as
+  // no file.
+  std::ofstream("/etc/secret") << "s3cret\n";
+  unlink(path);
+  ASSERT_EQ(symlink("/etc/secret", path), 0);
+  EXPECT_EQ(read(), "empty");
+  unlink(path);
+  ASSERT_EQ(mkfifo(path, 0666), 0);
+  EXPECT_EQ(read(), "empty");
+  unlink(path);
 }
 
-TEST(VoipRegister, PrefixDependsOnStatusAndTheImproperConfigurationSwitch) {
-  const char* failure = "ALARM_SIP_REGISTER_FAILURE|";
-  const char* improper = "ALARM_SIP_CLIENT_IMPROPER_CONFIGURATION|";
-  EXPECT_EQ(mod_voipRegisterPrefix(0, 0), nullptr);
-  EXPECT_EQ(mod_voipRegisterPrefix(1, 0), nullptr);
-  EXPECT_STREQ(mod_voipRegisterPrefix(0, 2), failure) << "switch off: every failure alike";
-  EXPECT_STREQ(mod_voipRegisterPrefix(0, -1), failure);
-  EXPECT_STREQ(mod_voipRegisterPrefix(1, 2), improper);
-  EXPECT_STREQ(mod_voipRegisterPrefix(7, 1), failure);
-  EXPECT_STREQ(mod_voipRegisterPrefix(1, 3), failure) << "an unknown status is still a failure";
+TEST(VoipRegister, EachFailedAnswerIsReportedAsTheSwitchReadAtTheLastChangeSays) {
+  ScopedBuffer buffer;
+  tcapi_set("Watchdog_VoIPStatus", "RegisterTimer", "0");
+  tcapi_set("Watchdog_VoIPStatus", "ImproperConfEnable", "1");
+  tcapi_unset("VoipCurSet_WDQuery", "wordData");
+  VoipRegister r = {};  // as the thread starts: the switch is off until a change
+  auto event = [&r](int type, int32_t counter = 0, int32_t status = 0) {
+    wdMsg msg = {};
+    msg.eventType = type;
+    VoipRegisterReply reply = {counter, status};
+    memcpy(msg.data, &reply, sizeof reply);
+    msg.datalen = sizeof reply;
+    return Said([&] { EXPECT_EQ(OnEvent(&msg, &r), WD_LOOP_CONTINUE); });
+  };
+  event(RECEIVE_FROM, 1, 2);
+  event(RECEIVE_FROM, 5, 0);  // registered: no report
+  event(CONFIG_CHANGE);
+  event(RECEIVE_FROM, 2, 2);
+  EXPECT_EQ(event(RECEIVE_FROM, -5, 7),
+            "VoIP registration status 7 is unknown, reported as a registration failure\n");
+  event(RECEIVE_FROM, 3, 1);
+  EXPECT_EQ(buffer.Texts("voipreg"),
+            (std::vector<std::string>{
+                "ALARM_SIP_REGISTER_FAILURE|1", "ALARM_SIP_CLIENT_IMPROPER_CONFIGURATION|2",
+                "ALARM_SIP_REGISTER_FAILURE|-5", "ALARM_SIP_REGISTER_FAILURE|3"}));
+  event(TIMER_EXPIRED);  // the query, which has no wordData
+  char query[32];
+  EXPECT_EQ(tcapi_get("VoipCurSet_WDQuery", "Query", query), 0);
+  EXPECT_STREQ(query, "0x3/ppp0");
+  EXPECT_NE(tcapi_get("VoipCurSet_WDQuery", "wordData", query), 0);
 }
 
 }  // namespace
