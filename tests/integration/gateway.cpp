@@ -38,6 +38,23 @@ bool Readable(int fd, int timeoutMs) {
 
 std::string Emulator() { return getenv("WD_EMULATOR") ? getenv("WD_EMULATOR") : ""; }
 
+// Starts `argv` as a child; its standard error and output go to `err` and
+// `out` when they are given.
+pid_t Spawn(const std::vector<std::string>& argv, const char* err = nullptr,
+            const char* out = nullptr) {
+  std::vector<char*> cargv;
+  for (const std::string& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
+  cargv.push_back(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (err != nullptr) dup2(open(err, O_WRONLY | O_CREAT | O_TRUNC, 0644), STDERR_FILENO);
+    if (out != nullptr) dup2(open(out, O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
+    execvp(cargv[0], cargv.data());
+    _exit(127);
+  }
+  return pid;
+}
+
 }  // namespace
 
 std::string Installed(const std::string& program) {
@@ -66,17 +83,8 @@ bool Daemon::Start(const std::vector<std::string>& args, bool waitReady) {
   if (argv.empty()) argv = Faketime(100);  // the emulator's own waits would not be scaled
   argv.push_back("/opt/watchdogd/sbin/watchdogd");
   argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> cargv;
-  for (auto& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
-  cargv.push_back(nullptr);
   rmdir("/var/wd_tmp");
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(open(kDaemonStderr, O_WRONLY | O_CREAT | O_TRUNC, 0644), STDERR_FILENO);
-    dup2(open("/gw/watchdogd.stdout", O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
-    execvp(cargv[0], cargv.data());
-    _exit(127);
-  }
+  pid_ = Spawn(argv, kDaemonStderr, "/gw/watchdogd.stdout");
   readyMark_ = 0;
   if (!waitReady) return pid_ > 0;
   bool ready = WaitUntil([] { return Exists("/var/wd_tmp"); }, 120000);
@@ -292,12 +300,7 @@ FakeSyslog::FakeSyslog(const std::string& plan, int pid) {
   unlink("/var/log/syslog-stub");
   unlink("/var/wdSyslogTx.chanl");
   SetPlan(plan);
-  std::string pidText = std::to_string(pid);
-  pid_ = fork();
-  if (pid_ == 0) {
-    execl(WD_SYSLOG_STUB, "syslog-stub", pidText.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  pid_ = Spawn({WD_SYSLOG_STUB, std::to_string(pid)});
   if (!WaitUntil([&] { return Exists("/var/wdSyslogTx.chanl") && SyslogNgPid() == pid; }))
     ADD_FAILURE() << "harness: " << WD_SYSLOG_STUB << " did not start";
 }
@@ -309,11 +312,7 @@ void FakeSyslog::SetPlan(const std::string& plan) {
 
 VoiceApp::VoiceApp() {
   unlink(kLog);
-  pid_ = fork();
-  if (pid_ == 0) {
-    execl("/gw/peers/voiceApp", "voiceApp", static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  pid_ = Spawn({"/gw/peers/voiceApp"});
   if (!WaitFor("started")) ADD_FAILURE() << "harness: /gw/peers/voiceApp did not start";
 }
 

@@ -1,6 +1,6 @@
-// The VoIP and IGMP modules in the running daemon (-d, 100
-// times faster), with the gateway's voice application answering the VoIP
-// queries and the real syslog-ng taking the reports.
+// The VoIP statistics module in the running daemon (-d, 100 times faster),
+// with the gateway's voice application answering its queries and the real
+// syslog-ng taking the reports.
 //
 // The registration module's queries (every 30 s) serve as a clock: each is
 // answered in one pass of the voice application, which takes whatever query
@@ -124,31 +124,6 @@ TEST_F(Services, VoipStatisticsInEachModeEndToEnd) {
   EXPECT_EQ(std::stol(call[1]) - std::stol(call[0]), 3);
   EXPECT_EQ(call[5], "150") << "3 s of 50 packets";
   EXPECT_EQ(call[12] + call[13] + call[14], "111") << "one incoming call answered";
-}
-
-TEST_F(Services, IgmpTimerFollowsItsPeriod) {
-  SetConfig("Watchdog_IGMP", "Period", "30");
-  Start();
-  ASSERT_TRUE(gw::WaitUntil([] { return Count(gw::Console(), "IGMP TIMER_EXPIRED") >= 2; }));
-  SetConfig("Watchdog_IGMP", "Period", "00");  // 0, but not the text "0"
-  Config(MOD_IGMP);
-  ASSERT_TRUE(
-      gw::WaitUntil([] { return Count(gw::Console(), "Timer change, set new timer, 0") == 1; }));
-  for (int i = 0; i < 2; ++i) Tick();  // 60 s: two expiries, were the timer running
-  SetConfig("Watchdog_IGMP", "Period", "30");
-  Config(MOD_IGMP);
-  ASSERT_TRUE(
-      gw::WaitUntil([] { return Count(gw::Console(), "Timer change, set new timer, 30") == 1; }));
-  std::string console = gw::Console();
-  size_t stopped = console.find("Timer change, set new timer, 0");
-  size_t restarted = console.find("Timer change, set new timer, 30");
-  EXPECT_EQ(Count(console.substr(stopped, restarted - stopped), "IGMP TIMER_EXPIRED"), 0u);
-  ASSERT_TRUE(gw::WaitUntil(
-      [&] { return Count(gw::Console().substr(restarted), "IGMP TIMER_EXPIRED") >= 1; }));
-  SetConfig("Watchdog_IGMP", "Period", "0");
-  Config(MOD_IGMP);
-  ASSERT_TRUE(gw::WaitUntil([] { return Count(gw::Console(), "clear timer") == 1; }));
-  EXPECT_TRUE(Reports("igmp").empty());
 }
 
 }  // namespace
