@@ -27,11 +27,16 @@ TEST(TargetSmoke, QueryForwardAndReportAcrossTheTargetsPrograms) {
 
   // A command forwarded to a module, whole and in the target's byte order.
   ASSERT_TRUE(gw::WaitUntil([] { return gw::Exists("/var/wd_monitor.chanl"); }));
-  gw::RealSleepMs(500);
   gw::ChannelTap monitor("/var/wd_monitor.chanl");
-  EXPECT_EQ(wdctl("monitor -x 0102030405060708").status, 0);
   wdMsg msg;
-  ASSERT_EQ(monitor.Receive(&msg, 20000), WD_MSG_SIZE);
+  // Sent until one arrives: the daemon forwards through the module's own
+  // socket, which the module publishes just after its path appears.
+  ASSERT_TRUE(gw::WaitUntil(
+      [&] {
+        return wdctl("monitor -x 0102030405060708").status == 0 &&
+               monitor.Receive(&msg, 1000) == WD_MSG_SIZE;
+      },
+      60000));
   EXPECT_EQ(gw::FromTarget(static_cast<uint32_t>(msg.eventType)),
             static_cast<uint32_t>(MONITOR_DATA));
   EXPECT_EQ(gw::FromTarget(static_cast<uint32_t>(msg.destMod)), static_cast<uint32_t>(MOD_MONITOR));
