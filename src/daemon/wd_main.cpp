@@ -70,9 +70,10 @@ void MakeWorkDirectory() {
 // write to the command socket) may take a reply: never a link planted at
 // the reply path, nor another user's socket bound there.
 bool ReplySocketIsOurs() {
+  static const uid_t ours = geteuid();  // the daemon never changes its user
   struct stat st;
   if (lstat(WD_RESULT_SOCK_PATH, &st) != 0) return false;
-  if (S_ISSOCK(st.st_mode) && st.st_uid == geteuid()) return true;
+  if (S_ISSOCK(st.st_mode) && st.st_uid == ours) return true;
   errno = EACCES;
   return false;
 }
@@ -204,7 +205,12 @@ int main(int argc, char** argv) {
   wd_initData();
   MakeWorkDirectory();
 
+  // The socket does not block: every command waiting is taken after one
+  // select, and a receive that finds the queue empty ends the round. One
+  // receive buffer serves the daemon's life (wdmsg_receive grows it once).
+  fcntl(cmdFd, F_SETFL, fcntl(cmdFd, F_GETFL) | O_NONBLOCK);
   int recvLen = kCmdRecvLen;
+  wdCmdMsg* msg = nullptr;
   for (;;) {
     fd_set readSet;
     FD_ZERO(&readSet);
@@ -214,20 +220,23 @@ int main(int argc, char** argv) {
     limit.tv_usec = static_cast<suseconds_t>(kCmdWaitMs % 1000 * 1000);
     int ready = select(cmdFd + 1, &readSet, nullptr, nullptr, &limit);
     if (ready <= 0 || !FD_ISSET(cmdFd, &readSet)) continue;
-    WD_TRACE("wd_main while  select ok");
 
-    wdCmdMsg* msg = static_cast<wdCmdMsg*>(calloc(1, sizeof(wdCmdMsg)));
-    if (msg == nullptr) continue;
-    int result = wdmsg_receive(cmdFd, &msg, &recvLen, &addr);
-    if (result == 0) {
-      WD_TRACE("wd_main signaltype=%x", msg->signaltype);
-      WD_TRACE("wd_main sequenceNumber=%x", msg->sequenceNumber);
-      WD_TRACE("wd_main wordData=%x", msg->wordData);
-      WD_TRACE("wd_main dataLength=%x", msg->dataLength);
-      DispatchCommand(msg);
-    } else {
-      tcdbg_printf("iReadLen=%d\t%s\n", result, result < 0 ? strerror(errno) : "");
+    for (;;) {
+      if (msg == nullptr) msg = static_cast<wdCmdMsg*>(calloc(1, sizeof(wdCmdMsg)));
+      if (msg == nullptr) break;
+      int result = wdmsg_receive(cmdFd, &msg, &recvLen, &addr);
+      if (result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+      // The trace of each command as one select per command gave it.
+      WD_TRACE("wd_main while  select ok");
+      if (result == 0) {
+        WD_TRACE("wd_main signaltype=%x", msg->signaltype);
+        WD_TRACE("wd_main sequenceNumber=%x", msg->sequenceNumber);
+        WD_TRACE("wd_main wordData=%x", msg->wordData);
+        WD_TRACE("wd_main dataLength=%x", msg->dataLength);
+        DispatchCommand(msg);
+      } else {
+        tcdbg_printf("iReadLen=%d\t%s\n", result, result < 0 ? strerror(errno) : "");
+      }
     }
-    free(msg);
   }
 }
