@@ -2,11 +2,36 @@
 # Prints performance figures of watchdogd, measured inside the gateway sandbox:
 # timer lateness and the idle cost of the timer thread, then the CPU and memory
 # of the whole idle daemon. Figures only; nothing here passes or fails.
+#
+#   scripts/bench.sh                  the figures above
+#   scripts/bench.sh --compare [--window S] [--windows N] [--queries N] [--flood S] [--profile]
+#       watchdogd with every module and monit side by side in one gateway (the
+#       WAN link, syslog-ng, the voice application, the service processes):
+#       after a 10-second warm-up both are sampled over N windows of S seconds
+#       (default 3 of 120) and the medians printed; then the command socket's
+#       latency over N queries (default 100000), a flood from 4 clients for S
+#       seconds (default 10), the timer lateness idle and under the flood, and
+#       the stripped sizes for this machine and MIPS; --profile adds one more
+#       window with the idle daemon under perf. Exits non-zero only when the
+#       comparison could not be run or a figure is missing.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+compare=0 window=120 windows=3 queries=100000 flood=10 profile=""
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --compare) compare=1; shift ;;
+    --profile) profile=profile; shift ;;
+    --window|--windows|--queries|--flood)
+      [[ "${2:-}" =~ ^[1-9][0-9]*$ ]] || { echo "bench.sh: $1 needs a whole number" >&2; exit 2; }
+      declare "${1#--}=$2"; shift 2 ;;
+    *) echo "usage: bench.sh [--compare [--window S] [--windows N] [--queries N] [--flood S] [--profile]]" >&2; exit 2 ;;
+  esac
+done
 "$top/scripts/deps.sh"
 dir="$top/build-bench"
-cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF -DWD_BUILD_BENCH=ON > /dev/null
+if [ "$compare" = 1 ]; then exec "$top/bench/compare.sh" "$window" "$windows" "$queries" "$flood" $profile; fi
+cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF -DWD_BUILD_BENCH=ON \
+  -DWD_TIMER_STATS=OFF > /dev/null
 cmake --build "$dir" -j "$(nproc)" > /dev/null
 cmake --install "$dir" --prefix "$dir/stage" > /dev/null
 run() { "$top/gateway/gw-run" --syslog --prefix "$dir/stage" --ro "$dir" -- "$@"; }
