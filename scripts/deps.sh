@@ -4,7 +4,7 @@
 set -euo pipefail
 pkgs=(g++ cmake make googletest bubblewrap busybox syslog-ng-core faketime iproute2
       dnsmasq-base procps psmisc g++-mips-linux-gnu qemu-user clang libclang-rt-14-dev valgrind
-      monit groff-base man-db dpkg-dev jq)
+      monit groff-base man-db dpkg-dev jq gdb)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

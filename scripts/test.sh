@@ -4,10 +4,14 @@
 # under ThreadSanitizer, then the gateway's target: the 32-bit big-endian MIPS
 # build's unit tests under qemu-mips, and a smoke test of its daemon, wdctl
 # and tcapi; then clang's lock discipline analysis (lockcheck: a build with
-# -Wthread-safety as errors) and a short run of every fuzz target (fuzz).
+# -Wthread-safety as errors), a short run of every fuzz target (fuzz), the
+# install, the static build and the Debian package started in a gateway
+# (package), and a short run of the benchmark beside monit (bench), which
+# proves only that every figure is measured.
 #
-#   scripts/test.sh                 all six
-#   scripts/test.sh plain           some of: plain, asan, tsan, mips, lockcheck, fuzz
+#   scripts/test.sh                 all eight
+#   scripts/test.sh plain           some of: plain, asan, tsan, mips, lockcheck, fuzz,
+#                                   package, bench
 #   scripts/test.sh --repeat N      the integration tests N times in a row (ctest
 #                                   --repeat until-fail:N) in plain, asan and tsan
 set -euo pipefail
@@ -23,7 +27,7 @@ fi
 jobs=$(nproc)
 variants=("$@")
 if [ ${#variants[@]} -eq 0 ]; then
-  variants=(plain asan tsan mips lockcheck fuzz)
+  variants=(plain asan tsan mips lockcheck fuzz package bench)
   [ ${#repeat[@]} -eq 0 ] || variants=(plain asan tsan)
 fi
 
@@ -49,7 +53,15 @@ for v in "${variants[@]}"; do
       echo "=== fuzz targets, a short run each ==="
       "$top/scripts/fuzz.sh" --runs 2000 --seed 1
       continue ;;
-    *) echo "test.sh: unknown variant $v (plain, asan, tsan, mips, lockcheck, fuzz)" >&2; exit 2 ;;
+    bench)
+      echo "=== benchmark beside monit, a short run (figures not asserted) ==="
+      "$top/scripts/bench.sh" --compare --window 5 --windows 1
+      continue ;;
+    package)
+      echo "=== install, static build and Debian package ==="
+      "$top/scripts/package-test.sh"
+      continue ;;
+    *) echo "test.sh: unknown variant $v (plain, asan, tsan, mips, lockcheck, fuzz, package, bench)" >&2; exit 2 ;;
   esac
   dir="$top/build-test-$v"
   echo "=== $v build ==="
