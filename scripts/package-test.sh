@@ -17,7 +17,7 @@ build() {  # build DIR CMAKE-ARGS...
   local dir=$1
   shift
   cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF "$@" > /dev/null
-  cmake --build "$dir" -j "$jobs" > "$dir.log" 2>&1 || { tail -30 "$dir.log"; exit 1; }
+  cmake --build "$dir" -j "$jobs" > "$dir/build.log" 2>&1 || { tail -30 "$dir/build.log"; exit 1; }
 }
 
 # expect_files ROOT EXPECTED...: ROOT holds exactly these files and links.
