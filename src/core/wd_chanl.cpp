@@ -1,16 +1,24 @@
-// Module channels and event sending.
+// Module channels, event sending and the queues of waiting events.
 //
 // Threads: every thread sends; each module thread opens, waits on and closes
-// its own channel. gChanlLock serialises the making and the removal of channel
-// sockets, so that a module thread that ends never removes the path or the
-// entry of a later thread of the same module.
+// its own channel; the command loop (wd_chanlServe) sends on the events that
+// found a channel full. gChanlLock serialises the making and the removal of
+// channel sockets, so that a module thread that ends never removes the path
+// or the entry of a later thread of the same module. Each module's outbox has
+// a lock of its own that guards its sending socket and its queue; it is taken
+// after gChanlLock, never before, and held across non-blocking sends only.
 #include "wd_chanl.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <list>
+#include <vector>
 
 #include "tcapi.h"
 #include "wd_base.h"
@@ -19,6 +27,105 @@
 wdSubModEntry gSubMod[WD_MOD_NUM];
 std::atomic<int> maxNumFd{0};
 wdMutex gChanlLock = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+// An event that waits for room in its module's channel.
+struct Pending {
+  int eventType;
+  int srcMod;
+  std::vector<unsigned char> data;  // the payload carried; empty for none
+};
+
+// What is sent to one module: its sending socket, connected to the channel's
+// path while events wait, and the events that wait.
+struct Outbox {
+  wdMutex lock = PTHREAD_MUTEX_INITIALIZER;
+  int sendFd WD_GUARDED_BY(lock) = -1;  // -1 while the module has no channel
+  std::list<Pending> pending WD_GUARDED_BY(lock);
+  unsigned dropped WD_GUARDED_BY(lock) = 0;  // since the queue was last empty
+};
+
+Outbox gOutbox[WD_MOD_NUM];
+
+// Readable when a queue got its first waiting event: it wakes the command
+// loop, which then also waits for that channel to make room.
+int WakeFd() {
+  static const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  return fd;
+}
+
+void SayDropped(unsigned dropped, int modId) {
+  if (dropped == 0) return;
+  tcdbg_printf("wd_simpleSendMsg: %u events for module %d dropped, its queue of %d was full\n",
+               dropped, modId, WD_CHANL_PENDING_MAX);
+}
+
+// Sends one event without waiting. 0 when sent, else the errno of the send.
+int SendNow(int fd, int modId, int eventType, int srcMod, const unsigned char* data,
+            size_t len) {
+  wdMsg msg;
+  memset(&msg, 0, sizeof msg);
+  msg.eventType = eventType;
+  msg.srcMod = srcMod;
+  msg.destMod = modId;
+  if (len > 0) {
+    memcpy(msg.data, data, len);
+    msg.datalen = static_cast<uint8_t>(len > 255 ? 255 : len);
+  }
+  sockaddr_un addr;
+  wd_chanlAddr(modId, &addr);
+  for (;;) {
+    // Addressed by path, so the event goes to whatever socket is bound there
+    // now, as a send through the channel itself would.
+    if (sendto(fd, &msg, sizeof msg, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&addr),
+               sizeof addr) == static_cast<ssize_t>(sizeof msg)) {
+      return 0;
+    }
+    if (errno != EINTR) return errno;
+  }
+}
+
+// Connects the sending socket to the socket now bound at the channel's path,
+// whose queue is full: the sending socket then turns writable when that queue
+// has room again. 0, or the errno of the connect.
+int Watch(Outbox& box, int modId) WD_REQUIRES(box.lock) {
+  sockaddr_un addr;
+  wd_chanlAddr(modId, &addr);
+  return connect(box.sendFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ? 0 : errno;
+}
+
+// Sends the waiting events of `modId` while its channel takes them, and
+// watches the channel when it is full. Returns the number of dropped events to
+// report once the queue is empty (or the channel has failed: its events are
+// lost then), else 0.
+unsigned Flush(Outbox& box, int modId) WD_REQUIRES(box.lock) {
+  while (!box.pending.empty()) {
+    const Pending& p = box.pending.front();
+    int err = SendNow(box.sendFd, modId, p.eventType, p.srcMod, p.data.data(), p.data.size());
+    if (err == EAGAIN || err == EWOULDBLOCK) {
+      err = Watch(box, modId);
+      if (err == 0) return 0;
+    }
+    if (err != 0) {
+      // Nobody takes events at the path any more: the module is ending.
+      box.pending.clear();
+      break;
+    }
+    box.pending.pop_front();
+  }
+  unsigned dropped = box.dropped;
+  box.dropped = 0;
+  return dropped;
+}
+
+int64_t MonotonicNs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+}  // namespace
 
 void wd_chanlAddr(int modId, sockaddr_un* addr) {
   memset(addr, 0, sizeof *addr);
@@ -30,11 +137,13 @@ void wd_chanlAddr(int modId, sockaddr_un* addr) {
 int wd_estFdChanl(int modId) {
   wdSubModEntry& entry = gSubMod[modId];
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0 || fd >= FD_SETSIZE) {
+  int sendFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0 || fd >= FD_SETSIZE || sendFd < 0) {
     // A descriptor that select cannot wait on is as useless as none.
     tcdbg_printf("gModule#%d#, cannot make a channel socket: %s\n", modId,
-                 fd < 0 ? strerror(errno) : "descriptor beyond FD_SETSIZE");
+                 fd >= 0 && fd >= FD_SETSIZE ? "descriptor beyond FD_SETSIZE" : strerror(errno));
     if (fd >= 0) close(fd);
+    if (sendFd >= 0) close(sendFd);
     return -1;
   }
   sockaddr_un addr;
@@ -50,6 +159,10 @@ int wd_estFdChanl(int modId) {
          !maxNumFd.compare_exchange_weak(seen, fd)) {
   }
   entry.fd = fd;
+  Outbox& box = gOutbox[modId];
+  wdLock sending(&box.lock);
+  if (box.sendFd >= 0) close(box.sendFd);
+  box.sendFd = sendFd;
   return fd;
 }
 
@@ -67,6 +180,7 @@ int wd_chanlOpen(int modId, wdChanl* ch) {
 
 void wd_chanlClose(wdChanl* ch) {
   if (ch->fd < 0) return;
+  unsigned dropped = 0;
   {
     wdLock lock(&gChanlLock);
     wdSubModEntry& entry = gSubMod[ch->modId];
@@ -76,8 +190,16 @@ void wd_chanlClose(wdChanl* ch) {
       sockaddr_un addr;
       wd_chanlAddr(ch->modId, &addr);
       unlink(addr.sun_path);
+      Outbox& box = gOutbox[ch->modId];
+      wdLock sending(&box.lock);
+      close(box.sendFd);
+      box.sendFd = -1;
+      box.pending.clear();  // events for a module that has ended are lost
+      dropped = box.dropped;
+      box.dropped = 0;
     }
   }
+  SayDropped(dropped, ch->modId);
   close(ch->fd);
   ch->fd = -1;
 }
@@ -96,32 +218,100 @@ wdWaitResult wd_chanlWait(const wdChanl* ch, int* selectResult) {
 int wd_simpleSendMsg(int eventType, int srcMod, int destMod, const void* data, unsigned len) {
   WD_TRACE("wd_simpleSendMsg");
   if (destMod < 0 || destMod >= WD_MOD_NUM) return -1;
-  wdMsg msg;
-  memset(&msg, 0, sizeof msg);
-  msg.eventType = eventType;
-  msg.srcMod = srcMod;
-  msg.destMod = destMod;
-  if (data != nullptr && len >= 1 && len <= WD_MSG_MAX_PAYLOAD) {
-    memcpy(msg.data, data, len);
-    msg.datalen = static_cast<uint8_t>(len > 255 ? 255 : len);
-  }
-  sockaddr_un addr;
-  wd_chanlAddr(destMod, &addr);
+  const unsigned char* bytes = static_cast<const unsigned char*>(data);
+  if (data == nullptr || len < 1 || len > WD_MSG_MAX_PAYLOAD) len = 0;
   WD_TRACE("start to send eventType=%d destMod=%d", eventType, destMod);
-  int fd = gSubMod[destMod].fd;
-  ssize_t sent = -1;
-  if (fd > 0) {
-    // Never wait for a busy module: the timer thread and the command loop
-    // send here, and every other module depends on them.
-    do {
-      sent = sendto(fd, &msg, sizeof msg, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&addr),
-                    sizeof addr);
-    } while (sent < 0 && errno == EINTR);
-    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      tcdbg_printf("wd_simpleSendMsg: event %d for module %d dropped, its queue is full\n",
-                   eventType, destMod);
+  int result = -1;
+  unsigned dropped = 0;
+  bool wake = false;
+  {
+    Outbox& box = gOutbox[destMod];
+    wdLock lock(&box.lock);
+    if (box.sendFd >= 0) {
+      dropped = Flush(box, destMod);
+      int err = EAGAIN;
+      if (box.pending.empty()) err = SendNow(box.sendFd, destMod, eventType, srcMod, bytes, len);
+      if (err == 0) {
+        result = WD_MSG_SIZE;
+      } else if (err != EAGAIN && err != EWOULDBLOCK) {
+        // Nothing at the path takes events: lost, as for a module without a
+        // channel.
+      } else if (box.pending.size() >= WD_CHANL_PENDING_MAX) {
+        ++box.dropped;
+      } else {
+        if (box.pending.empty()) {
+          Watch(box, destMod);
+          wake = true;
+        }
+        box.pending.push_back(
+            Pending{eventType, srcMod, std::vector<unsigned char>(bytes, bytes + len)});
+        result = WD_MSG_SIZE;
+      }
     }
   }
-  WD_TRACE("send bytesWritten=%d", static_cast<int>(sent));
-  return static_cast<int>(sent);
+  SayDropped(dropped, destMod);
+  if (wake) {
+    uint64_t one = 1;
+    ssize_t ignored = write(WakeFd(), &one, sizeof one);
+    (void)ignored;
+  }
+  WD_TRACE("send bytesWritten=%d", result);
+  return result;
+}
+
+int wd_chanlPending(int modId) {
+  Outbox& box = gOutbox[modId];
+  wdLock lock(&box.lock);
+  return static_cast<int>(box.pending.size());
+}
+
+int wd_chanlServe(int fd, const struct timespec* limit) {
+  int64_t deadline = -1;
+  if (limit != nullptr)
+    deadline = MonotonicNs() + static_cast<int64_t>(limit->tv_sec) * 1000000000 + limit->tv_nsec;
+  for (;;) {
+    pollfd fds[2 + WD_MOD_NUM];
+    int modOf[2 + WD_MOD_NUM];
+    fds[0] = {fd, POLLIN, 0};
+    fds[1] = {WakeFd(), POLLIN, 0};
+    nfds_t n = 2;
+    for (int id = 0; id < WD_MOD_NUM; ++id) {
+      Outbox& box = gOutbox[id];
+      wdLock lock(&box.lock);
+      if (box.pending.empty() || box.sendFd < 0) continue;
+      fds[n] = {box.sendFd, POLLOUT, 0};
+      modOf[n++] = id;
+    }
+    timespec left;
+    timespec* wait = nullptr;
+    if (deadline >= 0) {
+      int64_t ns = deadline - MonotonicNs();
+      if (ns < 0) ns = 0;
+      left.tv_sec = static_cast<time_t>(ns / 1000000000);
+      left.tv_nsec = static_cast<long>(ns % 1000000000);
+      wait = &left;
+    }
+    int rc = ppoll(fds, n, wait, nullptr);
+    if (rc < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    if (fds[1].revents != 0) {
+      uint64_t count;
+      ssize_t ignored = read(fds[1].fd, &count, sizeof count);
+      (void)ignored;
+    }
+    for (nfds_t i = 2; i < n; ++i) {
+      if (fds[i].revents == 0) continue;
+      unsigned dropped;
+      {
+        Outbox& box = gOutbox[modOf[i]];
+        wdLock lock(&box.lock);
+        dropped = Flush(box, modOf[i]);
+      }
+      SayDropped(dropped, modOf[i]);
+    }
+    if (fds[0].revents != 0) return 1;
+    if (rc == 0) return 0;
+  }
 }

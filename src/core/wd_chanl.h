@@ -1,16 +1,19 @@
 // Module channels and sending events: the module table's channel side.
 //
 // A module's channel is a Unix datagram socket bound to its chanlPath under
-// /var. Any thread sends an event to a module through the module's own channel
-// socket; the thread that opened the channel alone receives on it. A channel
-// is published in the module's entry (fd) only once it is bound, and its path
-// is removed when the thread that opened it closes it.
+// /var; the thread that opened the channel alone receives on it. A channel is
+// published in the module's entry (fd) only once it is bound, and its path is
+// removed when the thread that opened it closes it. Any thread sends an event
+// to a module through the module's sending socket, made with the channel and
+// connected to its path, so that the command loop can wait until a full
+// channel makes room: events that find it full wait in the module's queue.
 #ifndef WATCHDOGD_CORE_WD_CHANL_H
 #define WATCHDOGD_CORE_WD_CHANL_H
 
 #include <pthread.h>
 #include <sys/select.h>
 #include <sys/un.h>
+#include <time.h>
 
 #include <atomic>
 
@@ -62,8 +65,9 @@ int wd_estFdChanl(int modId) WD_EXCLUDES(gChanlLock);
 // it alone into the entry's fdSet. 0, or -1 when no channel could be made.
 int wd_chanlOpen(int modId, wdChanl* ch) WD_EXCLUDES(gChanlLock);
 // Closes the channel. When it is still the module's published channel, the
-// entry's fd and fdSet are cleared and its path is removed; a channel that a
-// later thread of the same module has replaced is left to that thread.
+// entry's fd and fdSet are cleared, its path is removed and the events still
+// waiting for the module are lost; a channel that a later thread of the same
+// module has replaced is left to that thread.
 void wd_chanlClose(wdChanl* ch) WD_EXCLUDES(gChanlLock);
 
 enum wdWaitResult { WD_WAIT_READY, WD_WAIT_ERROR, WD_WAIT_TIMEOUT, WD_WAIT_NOT_SET };
@@ -75,12 +79,31 @@ wdWaitResult wd_chanlWait(const wdChanl* ch, int* selectResult);
 // Fills `addr` with the channel address of module `modId`.
 void wd_chanlAddr(int modId, sockaddr_un* addr);
 
-// Sends event `eventType` to module `destMod` as one 8016-byte wdMsg through
-// the module's own channel socket. A payload is carried when `data` is given
-// and `len` is 1..1999. Never waits: an event that the module's full queue
-// cannot take is dropped with a line on the debug console. Returns the bytes
-// sent (8016), or -1 when the module has no channel or the event was dropped.
-// Any thread.
+// The most events kept waiting for one module whose channel is full. A
+// channel holds 10 datagrams (the kernel's default queue length, the same on
+// the gateway); a burst from a peer beyond that waits here instead.
+#define WD_CHANL_PENDING_MAX 4096
+
+// Sends event `eventType` to module `destMod` as one 8016-byte wdMsg to the
+// module's channel path. A payload is carried when `data` is given and `len`
+// is 1..1999. Never waits: when the channel is full, or events for the module
+// wait already, the event joins the module's queue of waiting events, which
+// keeps their order and which wd_chanlServe sends on as the channel makes
+// room. Beyond WD_CHANL_PENDING_MAX waiting events an event is dropped; one
+// console line gives how many were, once the queue has emptied or the module
+// has ended. Returns 8016 when the event was sent or queued, -1 when the
+// module has no channel (the event is lost) or the event was dropped. Any
+// thread.
 int wd_simpleSendMsg(int eventType, int srcMod, int destMod, const void* data, unsigned len);
+
+// Waits until `fd` is readable or `limit` (relative, on the monotonic clock;
+// null for none) has passed, and meanwhile sends the waiting events of every
+// module as its channel makes room. Returns 1 when `fd` is readable, 0 when
+// the limit passed, -1 (errno set) when the wait failed. The command loop's
+// wait: one thread at a time.
+int wd_chanlServe(int fd, const struct timespec* limit);
+
+// The number of events waiting for module `modId`. Any thread.
+int wd_chanlPending(int modId);
 
 #endif  // WATCHDOGD_CORE_WD_CHANL_H

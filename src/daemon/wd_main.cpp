@@ -3,7 +3,9 @@
 //
 // The main thread is the only reader of the command socket. It turns each
 // command into an event on a module channel, starts a module thread, answers a
-// query on /tmp/wd_result_sock, or sets sngReload.
+// query on /tmp/wd_result_sock, or sets sngReload. While it waits for
+// commands it also sends on the events that wait for a full module channel,
+// so that neither it nor the timer thread ever waits for a module.
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -33,6 +35,9 @@ namespace {
 constexpr int kCmdRecvLen = 500;
 // The wait of one loop round: the millisecond count 2^32 - 101.
 constexpr unsigned long kCmdWaitMs = 4294967195UL;
+// The most commands taken after one wait: a client that keeps the socket full
+// must not keep the waiting events of the modules from moving on.
+constexpr int kCmdBatch = 64;
 
 // Descriptors 0 to 2 must be open: a channel socket that got descriptor 0
 // would look like "no channel" to wd_simpleSendMsg.
@@ -205,23 +210,22 @@ int main(int argc, char** argv) {
   wd_initData();
   MakeWorkDirectory();
 
-  // The socket does not block: every command waiting is taken after one
-  // select, and a receive that finds the queue empty ends the round. One
+  // The socket does not block: the commands waiting are taken after one
+  // wait, up to kCmdBatch of them, and a receive that finds the queue empty
+  // ends the round early; between rounds the waiting events move on. One
   // receive buffer serves the daemon's life (wdmsg_receive grows it once).
   fcntl(cmdFd, F_SETFL, fcntl(cmdFd, F_GETFL) | O_NONBLOCK);
   int recvLen = kCmdRecvLen;
   wdCmdMsg* msg = nullptr;
   for (;;) {
-    fd_set readSet;
-    FD_ZERO(&readSet);
-    FD_SET(cmdFd, &readSet);
-    timeval limit;
+    // Waits for a command; meanwhile the events that found a module's
+    // channel full go on to it as it makes room.
+    timespec limit;
     limit.tv_sec = static_cast<time_t>(kCmdWaitMs / 1000);
-    limit.tv_usec = static_cast<suseconds_t>(kCmdWaitMs % 1000 * 1000);
-    int ready = select(cmdFd + 1, &readSet, nullptr, nullptr, &limit);
-    if (ready <= 0 || !FD_ISSET(cmdFd, &readSet)) continue;
+    limit.tv_nsec = static_cast<long>(kCmdWaitMs % 1000 * 1000000);
+    if (wd_chanlServe(cmdFd, &limit) <= 0) continue;
 
-    for (;;) {
+    for (int taken = 0; taken < kCmdBatch; ++taken) {
       if (msg == nullptr) msg = static_cast<wdCmdMsg*>(calloc(1, sizeof(wdCmdMsg)));
       if (msg == nullptr) break;
       int result = wdmsg_receive(cmdFd, &msg, &recvLen, &addr);

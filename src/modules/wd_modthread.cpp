@@ -7,6 +7,7 @@
 // thread that ends never clears the id of a later thread of its module.
 #include "wd_modthread.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -55,6 +56,11 @@ int wd_initSubModData(void) {
 int wd_startModThread(int modId) {
   wdSubModEntry& entry = gSubMod[modId];
   wdLock lock(&gStartLock);
+  if (entry.threadId.load() != pthread_t{}) {
+    // A second thread would only double the module's work and its timer.
+    tcdbg_printf("module %d is already running\n", modId);
+    return EALREADY;
+  }
   pthread_t tid;
   int rc = wd_createThread(&tid, entry.handler, reinterpret_cast<void*>(60));
   if (rc == 0) entry.threadId = tid;

@@ -18,7 +18,9 @@ int wd_initSubModData(void);
 // watchdog feature is off, else the result of the last thread creation.
 int wd_creatModThreads(void);
 // Starts the thread of module `modId` (default attributes, argument 60) and
-// stores its id in the entry. Returns pthread_create's result. Main thread.
+// stores its id in the entry. Returns pthread_create's result; a module that
+// runs already is left alone ("module N is already running" on the debug
+// console, EALREADY returned). Main thread.
 int wd_startModThread(int modId);
 // The module's configured period in seconds (0 for none); only reads.
 uint32_t wd_updateModTimer(uint8_t modId);

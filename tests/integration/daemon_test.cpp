@@ -3,6 +3,10 @@
 // module's traces, forwarding to module channels, and module timers; with
 // NoRealTime.*, on a gateway that refuses real-time scheduling.
 
+#include <atomic>
+#include <memory>
+#include <thread>
+
 #include "gateway.h"
 
 using gw::Count;
@@ -96,6 +100,73 @@ TEST(Commands, FloodsAndAnAskerThatNeverReadsLeaveTheLoopServing) {
   close(stuck);
   gw::ResultSocket results;
   EXPECT_EQ(results.Query(MOD_SAMPLE, 20000), WD_QUERY_NOT_RUNNING);
+}
+
+TEST(Commands, ABurstToThreeModulesArrivesWholeAndInOrderWhileQueriesAreAnswered) {
+  SetConfig("Watchdog_Common", "Enable", "1");
+  SetConfig("Watchdog_VoIPStatus", "RegisterTimer", "15");
+  Daemon d;
+  ASSERT_TRUE(d.Start());
+  struct Target {
+    const char* path;
+    uint32_t type, mod, word;
+  } targets[] = {{"/var/wd_voip_stats.chanl", MSG_QORVWATCHDOG_QUERY, MOD_VOIP_STATS, 1},
+                 {"/var/wd_voip_register.chanl", MSG_QORVWATCHDOG_QUERY, MOD_VOIP_REGISTER, 1},
+                 {"/var/wd_monitor.chanl", MSG_QORVWATCHDOG_MONITOR_DATA, MOD_MONITOR, 0}};
+  constexpr uint32_t kBurst = 10000;
+  // Taps in the modules' places take the events, now and then pausing as a
+  // busy module would, so that the burst outruns them.
+  std::vector<uint32_t> got[3];
+  std::vector<std::thread> taps;
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(gw::WaitUntil([&] { return gw::Exists(targets[i].path); }));
+    taps.emplace_back([&, i, tap = std::make_shared<gw::ChannelTap>(targets[i].path)] {
+      wdMsg msg;
+      int event = i < 2 ? RECEIVE_FROM : MONITOR_DATA;  // not the module's timer
+      auto last = std::chrono::steady_clock::now();
+      while (got[i].size() < kBurst && tap->Receive(&msg, 5000) == WD_MSG_SIZE &&
+             std::chrono::steady_clock::now() - last < std::chrono::seconds(5)) {
+        if (msg.eventType != event) continue;
+        last = std::chrono::steady_clock::now();
+        uint32_t n;
+        memcpy(&n, msg.data, sizeof n);
+        got[i].push_back(n);
+        if (n % 1000 == 999) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    });
+  }
+  // A query sent once a third of the burst is out is answered before the rest is.
+  std::atomic<uint32_t> sent{0};
+  std::atomic<bool> answeredDuringBurst{false};
+  std::thread asker([&] {
+    gw::ResultSocket results;
+    ASSERT_TRUE(gw::WaitUntil([&] { return sent >= kBurst / 3; }, 60000));
+    answeredDuringBurst = results.Query(MOD_MONITOR) == 0 && sent < kBurst;
+  });
+  int client = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", WD_CMD_SOCK_PATH);
+  for (uint32_t n = 0; n < kBurst; ++n) {
+    for (const Target& t : targets) {
+      unsigned char cmd[16 + 8];
+      wdCmdMsg head = {t.type, static_cast<uint16_t>(t.mod), 0, t.word, 8};
+      memcpy(cmd, &head, sizeof head);
+      memcpy(cmd + 16, &n, sizeof n);
+      memset(cmd + 20, 0, 4);
+      ASSERT_EQ(sendto(client, cmd, sizeof cmd, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr),
+                static_cast<ssize_t>(sizeof cmd));
+    }
+    sent = n + 1;
+  }
+  close(client);
+  asker.join();
+  for (std::thread& t : taps) t.join();
+  std::vector<uint32_t> all(kBurst);
+  for (uint32_t n = 0; n < kBurst; ++n) all[n] = n;
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(got[i], all) << targets[i].path;
+  EXPECT_TRUE(answeredDuringBurst) << "a query waits for no module";
+  EXPECT_EQ(d.Stderr().find("dropped"), std::string::npos) << d.Stderr();
 }
 
 TEST(Tools, TcapiAndWdctlWithoutDaemonOrReply) {
