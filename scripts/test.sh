@@ -12,14 +12,15 @@
 #   scripts/test.sh                 all eight
 #   scripts/test.sh plain           some of: plain, asan, tsan, mips, lockcheck, fuzz,
 #                                   package, bench
-#   scripts/test.sh --repeat N      the integration tests N times in a row (ctest
-#                                   --repeat until-fail:N) in plain, asan and tsan
+#   scripts/test.sh --repeat N      every test, unit and integration, N times in a
+#                                   row (ctest --repeat until-fail:N) in plain, asan
+#                                   and tsan (or in the variants named after N)
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 repeat=()
 if [ "${1:-}" = --repeat ]; then
   [[ "${2:-}" =~ ^[1-9][0-9]*$ ]] || { echo "test.sh: --repeat needs a count" >&2; exit 2; }
-  repeat=(-L integration --repeat "until-fail:$2")
+  repeat=(--repeat "until-fail:$2")
   shift 2
 fi
 "$top/scripts/deps.sh"
