@@ -28,9 +28,13 @@
 //   call in|out SECONDS [ID]   an answered call lasting SECONDS
 //   call missed                an incoming call nobody answers
 //   hangup | drop              end the call in progress, normally or dropped
+//   burst N                    N registration answers in a row, "registered"
+//                              each, as a voice application catching up on
+//                              queries it missed: sent as fast as the command
+//                              socket takes them, waiting for room (5 s at most)
 // Each event is a line in /var/log/voiceApp, written once it is done, e.g.
 // "query Query=0x3/ppp0", "query wordData=6", "answer register counter=N
-// status=S", "answer stats interval|call START END sent=...", "answer lost:
+// status=S", "burst sent=K of N[: REASON]", "answer stats interval|call START END sent=...", "answer lost:
 // SendSigToApp: REASON (...)", "call out 30 call-1@gateway started", "call
 // call-1@gateway ended|dropped", "call missed", "bad command: LINE".
 #include <errno.h>
@@ -42,7 +46,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/inotify.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -251,6 +257,8 @@ class VoiceApp {
     } else if (w[0] == "call" && (n == 3 || n == 4) && (w[1] == "in" || w[1] == "out") &&
                ParseInt(w[2], 0, INT32_MAX, &a) && (n == 3 || w[3].size() <= 128)) {
       StartCall(w[1] == "in", a, n == 4 ? w[3] : "");
+    } else if (w[0] == "burst" && n == 2 && ParseInt(w[1], 1, 1000000, &a)) {
+      Burst(a);
     } else if (n == 1 && (w[0] == "hangup" || w[0] == "drop")) {
       if (!call_.up) return Log("%s: no call in progress", w[0].c_str());
       EndCall(Now(), w[0] == "drop");
@@ -265,6 +273,30 @@ class VoiceApp {
     int32_t words[2] = {counter_, status_};
     Answer(MOD_VOIP_REGISTER, words, 2,
            "register counter=" + std::to_string(counter_) + " status=" + std::to_string(status_));
+  }
+
+  void Burst(int64_t count) {
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    timeval limit = {5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", WD_CMD_SOCK_PATH);
+    Datagram msg = {};
+    msg.head.signaltype = MSG_QORVWATCHDOG_QUERY;
+    msg.head.sequenceNumber = MOD_VOIP_REGISTER;
+    msg.head.wordData = 1;
+    msg.head.dataLength = 2 * sizeof(int32_t);  // counter 0, status 0: registered
+    size_t size = sizeof msg.head + msg.head.dataLength;
+    int64_t sent = 0;
+    while (sent < count && sendto(fd, &msg, size, 0, reinterpret_cast<sockaddr*>(&addr),
+                                  sizeof addr) == static_cast<ssize_t>(size)) {
+      ++sent;
+    }
+    const char* reason = sent < count ? strerror(errno) : nullptr;
+    close(fd);
+    Log("burst sent=%lld of %lld%s%s", static_cast<long long>(sent), static_cast<long long>(count),
+        reason ? ": " : "", reason ? reason : "");
   }
 
   void AnswerInterval() {
