@@ -113,6 +113,8 @@ function need(v, what) { if (v == "") { missing = missing " " what; return "?" }
 /^flood / { fl = $0 }
 /^flood-rss / { flrss = $0 }
 /^flood-console / { flcon = $0 }
+/^burst / { bu = $0 }
+/^burst-console / { bucon = $0 }
 /^size / { size[kv($0, "label")] = $0 }
 /^profile / { prof = prof "\n  " substr($0, 9) }
 /^profile-thread / { proft = proft "\n  " substr($0, 16) }
@@ -159,6 +161,10 @@ END {
     need(kv(fl, "seconds"), "flood"), need(kv(fl, "commands_per_second"), "rate"), need(kv(fl, "lost"), "lost"),
     need(kv(fl, "queries"), "queries"), need(kv(flcon, "replies_dropped"), "replies_dropped"), kv(fl, "reader"),
     need(kv(flcon, "events_dropped"), "events")
+  printf "bursts of %s commands to three modules in %s s (registration answers, TR-069 Inform responses, IGMP configuration changes): %s events dropped; a query every 10 ms meanwhile: p50 %s us, p99 %s us, max %s us, %s of %s lost\n",
+    need(kv(bu, "commands"), "burst"), need(kv(bu, "seconds"), "seconds"), need(kv(bucon, "events_dropped"), "events"),
+    need(kv(bu, "p50_us"), "p50"), need(kv(bu, "p99_us"), "p99"), need(kv(bu, "max_us"), "max"),
+    need(kv(bu, "lost"), "lost"), kv(bu, "queries") + kv(bu, "lost")
   printf "daemon RSS before / after the flood: %s / %s KiB (RssAnon %s / %s KiB)\n",
     need(kv(flrss, "rss_before_kb"), "rss"), need(kv(flrss, "rss_after_kb"), "rss"),
     need(kv(flrss, "anon_before_kb"), "anon"), need(kv(flrss, "anon_after_kb"), "anon")

@@ -6,6 +6,12 @@
 //                                  command, a configuration change for the
 //                                  process monitor, as fast as the daemon
 //                                  takes them, for SECONDS
+//   query_bench burst COUNT        3 clients each send COUNT commands in a row
+//                                  to a module of their own (registration
+//                                  answers, TR-069 Inform responses, IGMP
+//                                  configuration changes) while a fourth
+//                                  times a query every
+//                                  10 ms until they are done: p50, p99, max
 //
 // The daemon answers every query on one fixed path, /tmp/wd_result_sock, so
 // this program binds it once and reads every reply there; the clients send
@@ -193,11 +199,84 @@ int FloodRun(int seconds, int clients) {
   return 0;
 }
 
+struct Burst {
+  long count;
+  std::atomic<int> sending{3};
+};
+
+// One client's burst: `count` commands for one module, as fast as the
+// command socket takes them.
+void* BurstClient(void* arg, uint32_t type, uint16_t module, uint32_t word, uint32_t length) {
+  Burst* b = static_cast<Burst*>(arg);
+  int cmd = CommandSocket();
+  unsigned char bytes[sizeof(wdCmdMsg) + 8] = {};
+  wdCmdMsg head = Command(type, module);
+  head.wordData = word;
+  head.dataLength = length;
+  memcpy(bytes, &head, sizeof head);
+  for (long i = 0; i < b->count; ++i) {
+    size_t size = sizeof head + length;
+    if (send(cmd, bytes, size, 0) != static_cast<ssize_t>(size) && errno != EINTR) {
+      perror("query_bench: send");
+      break;
+    }
+  }
+  close(cmd);
+  --b->sending;
+  return nullptr;
+}
+
+void* BurstRegister(void* arg) {
+  return BurstClient(arg, MSG_QORVWATCHDOG_QUERY, MOD_VOIP_REGISTER, 1, 8);  // registered
+}
+void* BurstTr069(void* arg) {
+  return BurstClient(arg, MSG_QORVWATCHDOG_GET_INFORM_RESPONSE, MOD_TR069, 0, 0);
+}
+void* BurstIgmp(void* arg) {
+  return BurstClient(arg, MSG_QORVWATCHDOG_CONFIG_CHANGE, MOD_IGMP, 0, 0);
+}
+
+int BurstRun(long count) {
+  Burst b;
+  b.count = count;
+  int cmd = CommandSocket();
+  int res = ResultSocket();
+  int64_t start = NowNs();
+  pthread_t clients[3];
+  void* (*bodies[3])(void*) = {BurstRegister, BurstTr069, BurstIgmp};
+  for (int i = 0; i < 3; ++i) pthread_create(&clients[i], nullptr, bodies[i], &b);
+  std::vector<int64_t> took;
+  long lost = 0;
+  while (b.sending > 0) {
+    wdCmdMsg msg = Command(MSG_QORVWATCHDOG_QUERY, MOD_ARP);
+    int64_t t0 = NowNs();
+    wdCmdMsg reply;
+    if (send(cmd, &msg, sizeof msg, 0) == static_cast<ssize_t>(sizeof msg) &&
+        Reply(res, 1000, &reply)) {
+      took.push_back(NowNs() - t0);
+    } else {
+      ++lost;
+    }
+    timespec pause = {0, 10000000};
+    nanosleep(&pause, nullptr);
+  }
+  for (pthread_t t : clients) pthread_join(t, nullptr);
+  double seconds = static_cast<double>(NowNs() - start) / 1e9;
+  std::sort(took.begin(), took.end());
+  printf("burst commands=%ld seconds=%.2f queries=%zu lost=%ld p50_us=%.1f p99_us=%.1f "
+         "max_us=%.1f\n",
+         3 * count, seconds, took.size(), lost, Percentile(took, 0.50), Percentile(took, 0.99),
+         took.empty() ? 0.0 : static_cast<double>(took.back()) / 1000.0);
+  unlink(WD_RESULT_SOCK_PATH);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc == 3 && strcmp(argv[1], "latency") == 0) return Latency(atol(argv[2]));
   if (argc == 4 && strcmp(argv[1], "flood") == 0) return FloodRun(atoi(argv[2]), atoi(argv[3]));
-  fprintf(stderr, "usage: query_bench latency COUNT | flood SECONDS CLIENTS\n");
+  if (argc == 3 && strcmp(argv[1], "burst") == 0) return BurstRun(atol(argv[2]));
+  fprintf(stderr, "usage: query_bench latency COUNT | flood SECONDS CLIENTS | burst COUNT\n");
   return 2;
 }

@@ -4,9 +4,10 @@
 // /var; the thread that opened the channel alone receives on it. A channel is
 // published in the module's entry (fd) only once it is bound, and its path is
 // removed when the thread that opened it closes it. Any thread sends an event
-// to a module through the module's sending socket, made with the channel and
-// connected to its path, so that the command loop can wait until a full
-// channel makes room: events that find it full wait in the module's queue.
+// to a module through the module's sending socket, made with the channel;
+// events that find the channel full wait in the module's queue, and the
+// sending socket is then connected to the channel's path, so that the command
+// loop can wait until the channel makes room.
 #ifndef WATCHDOGD_CORE_WD_CHANL_H
 #define WATCHDOGD_CORE_WD_CHANL_H
 
