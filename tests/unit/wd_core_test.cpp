@@ -89,34 +89,4 @@ TEST(Numbers, OutsideNumbersAreRangeChecked) {
   }
 }
 
-// A program started from a real-time thread that blocks SIGUSR1 and SIGUSR2,
-// as the relay's threads do, with a descriptor open without close-on-exec.
-void* RunProbe(void* out) {
-  sigset_t usr;
-  sigemptyset(&usr);
-  sigaddset(&usr, SIGUSR1);
-  sigaddset(&usr, SIGUSR2);
-  pthread_sigmask(SIG_BLOCK, &usr, nullptr);
-  int leaked = open("/dev/null", O_RDONLY);
-  int fd = wd_createFresh("/tmp/probe");
-  wd_runShell("grep SigBlk /proc/$$/status; cut -d' ' -f41 /proc/$$/stat; ls /proc/$$/fd", fd);
-  *static_cast<std::string*>(out) = Slurp("/tmp/probe");
-  close(fd);
-  close(leaked);
-  return nullptr;
-}
-
-TEST(Programs, StartWithDefaultSignalsSchedulingAndNoDaemonDescriptors) {
-  ASSERT_EQ(symlink("/tmp/target", "/tmp/probe"), 0);
-  std::string out;
-  pthread_t t;
-  ASSERT_EQ(wd_createRtThread(&t, RunProbe, &out, "probe"), 0);
-  pthread_join(t, nullptr);
-  EXPECT_EQ(out, "SigBlk:\t0000000000000000\n0\n0\n1\n2\n") << "mask, policy, descriptors";
-  EXPECT_NE(access("/tmp/target", F_OK), 0) << "a planted link is replaced, never followed";
-  const char* missing[] = {"/no/such/program", nullptr};
-  int rc = wd_run(missing, -1, -1);  // -1, or exit 127 where spawning cannot tell (qemu)
-  EXPECT_TRUE(rc == -1 || (WIFEXITED(rc) && WEXITSTATUS(rc) == 127)) << rc;
-}
-
 }  // namespace
