@@ -91,12 +91,14 @@ struct Program {
   size_t room;
 };
 
-// True once the program has ended; it is not reaped.
+// True once the program has ended (or is no child to wait for); it is not
+// reaped.
 bool Ended(pid_t pid) {
   siginfo_t info;
   info.si_pid = 0;
-  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-         info.si_pid == pid;
+  if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0)
+    return errno == ECHILD;
+  return info.si_pid == pid;
 }
 
 // Keeps what the output holds now, as much as there is room for; closes the
