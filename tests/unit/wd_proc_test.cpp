@@ -8,23 +8,6 @@
 
 namespace {
 
-std::string ReadAll(FILE* f) {
-  std::string text;
-  if (f == nullptr) return text;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) text.append(buf, n);
-  fclose(f);
-  return text;
-}
-
-// What the program `argv` printed.
-std::string Program(std::vector<const char*> argv) {
-  argv.push_back(nullptr);
-  wdOutput out = {nullptr, 4096, false, nullptr};
-  wd_run(argv.data(), 10, &out);
-  return ReadAll(out.file);
-}
-
 struct Ran {
   int rc;
   std::string out;   // what it printed
@@ -37,7 +20,9 @@ Ran Shell(const char* command, int seconds = 1, size_t max = 4096, const char* p
   Ran r = {};
   wdOutput out = {path, max, false, nullptr};
   r.said = Said([&] { r.rc = wd_runShell(command, seconds, &out); });
-  r.out = ReadAll(out.file);
+  char buf[4096];
+  for (size_t n; out.file && (n = fread(buf, 1, sizeof buf, out.file)) > 0;) r.out.append(buf, n);
+  if (out.file != nullptr) fclose(out.file);
   return r;
 }
 
@@ -48,7 +33,8 @@ bool GroupGone(pid_t group) {
 
 // Programs started from a real-time thread that blocks SIGUSR1 and SIGUSR2, as
 // the relay's threads do, with a descriptor open without close-on-exec. Each
-// reads its own state: mask, scheduling policy, descriptors, standard input.
+// (the shell's exec) reads its own state: mask, scheduling policy,
+// descriptors, standard input.
 void* RunProbe(void* out) {
   sigset_t usr;
   sigemptyset(&usr);
@@ -56,10 +42,10 @@ void* RunProbe(void* out) {
   sigaddset(&usr, SIGUSR2);
   pthread_sigmask(SIG_BLOCK, &usr, nullptr);
   int leaked = open("/dev/null", O_RDONLY);
-  *static_cast<std::string*>(out) = Program({"grep", "SigBlk", "/proc/self/status"}) +
-                                    Program({"cut", "-d", " ", "-f41", "/proc/self/stat"}) +
-                                    Program({"ls", "/proc/self/fd"}) +
-                                    Program({"readlink", "/proc/self/fd/0"});
+  std::string& text = *static_cast<std::string*>(out);
+  for (const char* probe : {"grep SigBlk /proc/self/status", "cut -d' ' -f41 /proc/self/stat",
+                            "ls /proc/self/fd", "readlink /proc/self/fd/0"})
+    text += Shell(("exec " + std::string(probe)).c_str(), 10).out;
   close(leaked);
   return nullptr;
 }
@@ -90,7 +76,7 @@ TEST(Deadline, StopsTheProgramsWholeGroupOnlyWhenItPasses) {
 
   for (const char* command :
        {"echo $$; sleep 1000 & sleep 1000",   // never ends
-        "trap '' TERM; echo $$; sleep 1000",  // ignores SIGTERM, as sleep does
+        "trap '' TERM; echo $$; sleep 1000",  // ignores SIGTERM, and so does its sleep
         "echo $$; sleep 1000 &"}) {           // has ended; its child holds the output
     Ran r = Shell(command);
     EXPECT_EQ(r.rc, WD_RUN_STOPPED) << command;
@@ -109,12 +95,11 @@ int NoPidfd(pid_t) {
 
 TEST(Deadline, WithoutPidfdTheProgramIsCheckedOnItsOwn) {
   wd_pidfdOpenHook = NoPidfd;
-  EXPECT_EQ(wd_runShell("sleep 0.3; exit 3", 10), 3 << 8);
-  Ran output = Shell("sleep 0.3; echo done");
+  Ran ended = Shell("sleep 0.3; echo done; exit 3");
   Ran hung = Shell("echo $$; exec sleep 1000");
-  EXPECT_EQ(gPidfdOpens, 3);
-  EXPECT_EQ(output.rc, 0);
-  EXPECT_EQ(output.out, "done\n");
+  EXPECT_EQ(gPidfdOpens, 2);
+  EXPECT_EQ(ended.rc, 3 << 8);
+  EXPECT_EQ(ended.out, "done\n");
   EXPECT_EQ(hung.rc, WD_RUN_STOPPED);
   EXPECT_TRUE(GroupGone(atoi(hung.out.c_str())));
 }
