@@ -43,8 +43,10 @@ int tcapi_unset(const char* node, const char* attr);
 int tcapi_take(const char* node, const char* attr, char* buf, size_t size);
 
 // Announces a change of `node`: runs the executable hook TCAPI_HOOK_DIR/<node>,
-// when there is one, with the node name as its argument and waits for it.
-// Returns 0 when there is no hook or it exited with 0, -1 otherwise.
+// when there is one, with the node name as its argument in a process group of
+// its own, and waits for it at most 30 s; a hook still running then is killed
+// with its group and the console says so. Returns 0 when there is no hook or
+// it exited with 0, -1 otherwise.
 int tcapi_commit(const char* node);
 
 // Writes the formatted text unchanged and unbuffered to standard error, the

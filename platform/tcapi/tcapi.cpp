@@ -11,14 +11,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,6 +32,14 @@
 extern char** environ;
 
 namespace {
+
+constexpr int kHookSeconds = 30;  // how long a commit hook may run
+
+int64_t MonotonicMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
 
 struct Node {
   std::string name;
@@ -262,7 +273,7 @@ extern "C" int tcapi_commit(const char* node) {
   if (access(hook.c_str(), X_OK) != 0) return 0;
   char* argv[] = {const_cast<char*>(hook.c_str()), const_cast<char*>(node), nullptr};
   // The hook starts with every signal unblocked and at its default, whatever
-  // the calling thread blocks or catches.
+  // the calling thread blocks or catches, in a process group of its own.
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
   sigset_t none, all;
@@ -270,14 +281,30 @@ extern "C" int tcapi_commit(const char* node) {
   sigfillset(&all);
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setsigdefault(&attr, &all);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawnattr_setpgroup(&attr, 0);
+  posix_spawnattr_setflags(&attr,
+                           POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
   pid_t pid;
   int rc = posix_spawn(&pid, hook.c_str(), nullptr, &attr, argv, environ);
   posix_spawnattr_destroy(&attr);
   if (rc != 0) return -1;
+  // A hook that does not end would hold its caller for good: at the deadline
+  // its group goes (what it leaves running after a normal end stays). Checked
+  // at growing intervals, up to 100 ms.
+  const int64_t deadline = MonotonicMs() + kHookSeconds * 1000;
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
+  for (int check = 1;; check = std::min(check * 2, 100)) {
+    pid_t got = waitpid(pid, &status, WNOHANG);
+    if (got == pid) break;
+    if (got < 0 && errno != EINTR) return -1;
+    if (MonotonicMs() >= deadline) {
+      kill(-pid, SIGKILL);
+      tcdbg_printf("tcapi_commit: \"%s\" still running after %d s, stopped\n", hook.c_str(),
+                   kHookSeconds);
+      waitpid(pid, &status, 0);
+      return -1;
+    }
+    poll(nullptr, 0, check);
   }
   return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
 }

@@ -1,33 +1,54 @@
 // Programs the daemon starts, and the files their output goes to.
 //
-// Every program of the daemon (ifconfig, ping, nslookup, ps, cp, rm,
-// syslog-ng and the fixed shell lines) starts through wd_run: whatever thread
-// starts it (a real-time relay thread, a module thread with SIGUSR1/SIGUSR2
-// blocked), the program gets the default signal mask and dispositions,
-// default scheduling, and none of the daemon's descriptors but 0 to 2.
+// Every program of the daemon (ifconfig, ping, nslookup, ps, route, cp, rm,
+// killall, syslog-ng, the start scripts and the configured shell command)
+// starts through wd_run and has a deadline: whatever thread starts it (a
+// real-time relay thread, a module thread with SIGUSR1/SIGUSR2 blocked), the
+// program gets /dev/null as standard input, the default signal mask and
+// dispositions, default scheduling, none of the daemon's descriptors but 0 to
+// 2, and a process group of its own. A program that does not end costs its
+// caller the deadline, never more.
 #ifndef WATCHDOGD_CORE_WD_PROC_H
 #define WATCHDOGD_CORE_WD_PROC_H
 
+#include <stddef.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
+// What wd_run keeps of a program's standard output. Without one, the program
+// writes to the daemon's own standard output.
+struct wdOutput {
+  const char* path;  // kept in this file, made fresh (wd_createFresh); null: in memory
+  size_t max;        // bytes kept at most; beyond them the program's output is closed
+  bool dropErrors;   // standard error to /dev/null, else the daemon's (the debug console)
+  FILE* file;        // set by wd_run: what was kept, open for reading from its start;
+                     // null when nothing could be kept. The caller closes it.
+};
+
+// wd_run's result for a program stopped at its deadline.
+#define WD_RUN_STOPPED (-2)
+
 // Runs `argv[0]` (looked up in PATH) with `argv` (null-terminated) and waits
-// for its end. `outFd` and `errFd`, when 0 or more, become its standard
-// output and standard error; otherwise it shares the daemon's. Returns the
-// wait status as system() does, or -1 when it could not be started. Any thread.
-int wd_run(const char* const argv[], int outFd, int errFd);
+// until it has ended and, with `out`, its output has been read to its end, for
+// at most `seconds`. A program still running then, or whose output a process
+// it started still holds open, is stopped with its whole process group
+// (SIGTERM, SIGKILL after a second) and the debug console says
+// "wd_run: \"NAME\" still running after N s, stopped\n", NAME being argv[0].
+// After a normal end the group is left alone: what a start script starts in
+// the background keeps running. Returns the wait status as system() does, -1
+// when the program could not be started, WD_RUN_STOPPED when it was stopped;
+// `out->file` holds what it printed in every case but a failed creation of
+// the output file, when nothing runs. Any thread; blocks it meanwhile.
+int wd_run(const char* const argv[], int seconds, wdOutput* out = nullptr);
 
-// Runs `command` with "/bin/sh -c", as system() does, through wd_run.
-int wd_runShell(const char* command, int outFd);
+// wd_run for `command` run with "/bin/sh -c"; the console names the command.
+int wd_runShell(const char* command, int seconds, wdOutput* out = nullptr);
 
-// Starts "/bin/sh -c command" like wd_run, without waiting, in a process
-// group of its own (the shell's pid is the group's id), with /dev/null as
-// standard input and a pipe as standard output. Returns the pipe's reading
-// end (close-on-exec) and stores the pid, or -1 when it could not start.
-int wd_runShellPipe(const char* command, pid_t* pid);
-// Waits for the child `pid`; with `killGroup` first kills its whole process
-// group (SIGKILL). Returns the wait status, or -1.
-int wd_reap(pid_t pid, int killGroup);
+// Test seam: how wd_run gets a descriptor that becomes readable when a program
+// ends (pidfd_open, Linux 5.3). Where it fails, wd_run checks at growing
+// intervals instead (a few ms, up to 100 ms). Set only before threads start.
+extern int (*wd_pidfdOpenHook)(pid_t pid);
 
 // Removes whatever stands at `path` and creates the file anew: exclusively,
 // never through a symbolic link, with `mode`, open for reading and writing.

@@ -5,13 +5,8 @@
 // configuration tree, which only the gateway's root processes can write.
 #include "wd_general.h"
 
-#include <errno.h>
-#include <poll.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
 #include "tcapi.h"
 #include "wd_base.h"
@@ -25,6 +20,7 @@ namespace {
 
 constexpr const char* kHandler = "mod_generalHandler";
 constexpr size_t kCommandSize = 544;
+constexpr size_t kOutputMax = 64 * 1024;  // output reported at most, in 511-byte pieces or lines
 
 const wdModLoopText kText = {
     kHandler,
@@ -34,12 +30,6 @@ const wdModLoopText kText = {
     {"[mod_generalHandler] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes!", WD_SAY_TRACE},
 };
-
-int64_t NowMs() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
 
 // The output of one run, cut into the pieces a 512-byte line read gives:
 // up to and including a line end, or 511 characters.
@@ -70,17 +60,6 @@ class Lines {
   char piece_[512];
   size_t len_ = 0;
 };
-
-// Waits for the shell to end once its output has; stops it at the deadline.
-bool EndsBy(pid_t pid, int64_t deadline) {
-  for (;;) {
-    int status;
-    pid_t rc = waitpid(pid, &status, WNOHANG);
-    if (rc == pid || (rc < 0 && errno != EINTR)) return true;
-    if (NowMs() >= deadline) return false;
-    usleep(10000);
-  }
-}
 
 wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
   char* lastRun = static_cast<char*>(ctx);
@@ -117,33 +96,14 @@ int isPermission(const char* command) {
 void executeShellCommand(const char* command) { mod_generalRun(command, WD_SHELL_TIME_LIMIT); }
 
 void mod_generalRun(const char* command, int limitSeconds) {
-  pid_t pid;
-  int fd = wd_runShellPipe(command, &pid);
-  if (fd < 0) return;
-  int64_t deadline = NowMs() + static_cast<int64_t>(limitSeconds) * 1000;
+  wdOutput out = {nullptr, kOutputMax, false, nullptr};
+  wd_runShell(command, limitSeconds, &out);
+  if (out.file == nullptr) return;
   Lines lines(command);
-  bool ended = false;
-  for (;;) {
-    int64_t left = deadline - NowMs();
-    pollfd p = {fd, POLLIN, 0};
-    int rc = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
-    if (rc < 0 && errno == EINTR) continue;
-    if (rc <= 0) break;
-    char chunk[512];
-    ssize_t n = read(fd, chunk, sizeof chunk);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ended = true;
-      break;
-    }
-    lines.Add(chunk, static_cast<size_t>(n));
-  }
-  close(fd);
+  char chunk[512];
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, out.file)) > 0;) lines.Add(chunk, n);
+  fclose(out.file);
   lines.Flush();
-  if (ended && EndsBy(pid, deadline)) return;
-  tcdbg_printf("executeShellCommand: \"%s\" still running after %d s, stopped\n", command,
-               limitSeconds);
-  wd_reap(pid, 1);
 }
 
 void* mod_generalHandler(void*) {

@@ -21,7 +21,8 @@ int isPermission(const char* command);
 // CR and LF skipped) as "command|N| text", N counted from 1.
 void executeShellCommand(const char* command);
 // The same with a time limit: a command still running after `limitSeconds`
-// is killed with all it started, and the debug console says so.
+// is stopped with all it started, and the debug console says so (wd_run); the
+// lines it printed until then are reported. At most 64 KiB of output is read.
 void mod_generalRun(const char* command, int limitSeconds);
 // Thread body of MOD_GENERAL.
 void* mod_generalHandler(void* arg);

@@ -21,6 +21,9 @@ namespace {
 
 constexpr const char* kNode = "Watchdog_Route";
 constexpr const char* kHandler = "mod_ipRouteHandler";
+// route may wait for the resolver's timeouts (it looks up gateway names).
+constexpr int kRouteSeconds = 20;
+constexpr size_t kRouteOutputMax = 64 * 1024;  // some 800 routes
 
 struct IpRoute {
   int timerId;        // the periodic report timer; 0 while none is armed
@@ -131,19 +134,12 @@ void mod_routeReport(FILE* route) {
 }
 
 void parserRouteTable(void) {
-  pid_t pid;
-  int fd = wd_runShellPipe("route", &pid);
-  if (fd < 0) return;
-  FILE* route = fdopen(fd, "r");
-  if (route == nullptr) {
-    close(fd);
-  } else {
-    mod_routeReport(route);
-    fclose(route);
-  }
-  // Whatever is left of the command once its table has been read is of no
-  // use: its whole group goes.
-  wd_reap(pid, 1);
+  wdOutput out = {nullptr, kRouteOutputMax, false, nullptr};
+  // A table cut short by the deadline is not reported: its last row may be cut.
+  bool stopped = wd_runShell("route", kRouteSeconds, &out) == WD_RUN_STOPPED;
+  if (out.file == nullptr) return;
+  if (!stopped) mod_routeReport(out.file);
+  fclose(out.file);
 }
 
 int loop(int fd, struct sockaddr_nl* addr) {

@@ -18,6 +18,7 @@ wdModMonitor gWdModMonitor;
 namespace {
 
 constexpr const char* kHandler = "mod_monitorHandler";
+constexpr int kStartSeconds = 30;  // the start script returns once the server runs
 
 void RestartDhcpd() {
   char type[16] = {0};
@@ -30,7 +31,7 @@ void RestartDhcpd() {
   tcapi_commit("Dhcpd_Common");
 }
 
-void RestartHttpd() { wd_runShell("/usr/script/mini_httpd.sh start", -1); }
+void RestartHttpd() { wd_runShell("/usr/script/mini_httpd.sh start", kStartSeconds); }
 
 void RestartPppd() {
   char encap[32] = {0};

@@ -6,7 +6,6 @@
 // shell would split them and handed to the tool as its arguments.
 #include "wd_pppoe.h"
 
-#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -37,6 +36,13 @@ constexpr const char* kStatusFile = "/tmp/ppp_status";
 constexpr const char* kPingFile = "/tmp/ping_result";
 constexpr const char* kLookupFile = "/tmp/nslookup_result";
 constexpr int kDailyMs = 86400000;
+// The tools' deadlines: ifconfig only asks the kernel; ping -c 10 takes 10 s
+// and up to 10 s more for late answers, after its resolver; nslookup waits
+// for the resolver's timeouts on each server.
+constexpr int kIfconfigSeconds = 10;
+constexpr int kPingSeconds = 60;
+constexpr int kLookupSeconds = 60;
+constexpr size_t kToolOutputMax = 16 * 1024;  // a few lines each
 
 // Copies `src` into a text field of `size` bytes, cutting it with the
 // module's message when it does not fit.
@@ -99,21 +105,15 @@ void Escalate(wdPppKind kind) {
   }
 }
 
-// Runs `argv` with its output in `file` (created fresh, whatever stood
-// there) and its standard error discarded. Returns the file open for reading
-// from its start, or null when it could not be made.
-FILE* RunInto(const std::vector<const char*>& argv, const char* file) {
-  int fd = wd_createFresh(file);
-  if (fd < 0) return nullptr;
-  int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+// Runs `argv` for at most `seconds` with its output in `file` (created fresh,
+// whatever stood there) and its standard error discarded. Returns the file
+// open for reading from its start, or null when it could not be made.
+FILE* RunInto(const std::vector<const char*>& argv, int seconds, const char* file) {
   std::vector<const char*> args(argv);
   args.push_back(nullptr);
-  wd_run(args.data(), fd, null);
-  if (null >= 0) close(null);
-  lseek(fd, 0, SEEK_SET);
-  FILE* f = fdopen(fd, "r");
-  if (f == nullptr) close(fd);
-  return f;
+  wdOutput out = {file, kToolOutputMax, true, nullptr};
+  wd_run(args.data(), seconds, &out);
+  return out.file;
 }
 
 // True when `passes` holds for any line of `f`, read with 512-byte lines.
@@ -137,12 +137,13 @@ std::vector<std::string> Words(const char* value) {
 }
 
 // Runs a ping or lookup stage: `argv` (the tool and its fixed arguments) and the words
-// of `value`, the wait, the output read back. A pass clears the kind's fail
-// counter, a failure escalates. Returns 1 when the stage passed, 0 when it
-// failed, -1 when it did not run or its output could not be read (no counter
-// changes). The output file is deleted in every case.
-int Stage(std::vector<const char*> argv, const char* what, const char* value, unsigned wait,
-          const char* file, int (*passes)(const char*), const char* openFail, wdPppKind kind) {
+// of `value` for at most `seconds`, the wait, the output read back. A pass
+// clears the kind's fail counter, a failure escalates. Returns 1 when the
+// stage passed, 0 when it failed, -1 when it did not run or its output could
+// not be read (no counter changes). The output file is deleted in every case.
+int Stage(std::vector<const char*> argv, int seconds, const char* what, const char* value,
+          unsigned wait, const char* file, int (*passes)(const char*), const char* openFail,
+          wdPppKind kind) {
   std::vector<std::string> words = Words(value);
   // A word the tool would take as an option, or a value of blanks only, names
   // no host: nothing is run and the link is not blamed for it.
@@ -153,7 +154,7 @@ int Stage(std::vector<const char*> argv, const char* what, const char* value, un
     return -1;
   }
   for (const std::string& w : words) argv.push_back(w.c_str());
-  FILE* f = RunInto(argv, file);
+  FILE* f = RunInto(argv, seconds, file);
   sleep(wait);
   if (f == nullptr) {
     tcdbg_printf("%s", openFail);
@@ -252,7 +253,7 @@ void mod_pppoe_TimerExpire(void) {
   // Link stage.
   wdPppLinkScan scan;
   memset(&scan, 0, sizeof scan);
-  FILE* f = RunInto({"ifconfig", "ppp0"}, kStatusFile);
+  FILE* f = RunInto({"ifconfig", "ppp0"}, kIfconfigSeconds, kStatusFile);
   if (f == nullptr) {
     tcdbg_printf("fail to open file\n");
   } else {
@@ -273,14 +274,14 @@ void mod_pppoe_TimerExpire(void) {
 
   // Ping stage. An empty address still runs (and fails); "0.0.0.0" skips it.
   if (strcmp(ppp_config.PingIP, "0.0.0.0") != 0 &&
-      Stage({"ping", "-c", "10"}, "PingIP", ppp_config.PingIP, 21, kPingFile,
+      Stage({"ping", "-c", "10"}, kPingSeconds, "PingIP", ppp_config.PingIP, 21, kPingFile,
             mod_pppoe_pingLinePassed, "open ping file fail\n", WD_PPP_PING) != 1) {
     return;
   }
 
   // Name-lookup stage.
   if (ppp_config.LookupDomain[0] == '\0') return;
-  if (Stage({"nslookup"}, "LookupDomain", ppp_config.LookupDomain, 10, kLookupFile,
+  if (Stage({"nslookup"}, kLookupSeconds, "LookupDomain", ppp_config.LookupDomain, 10, kLookupFile,
             mod_pppoe_lookupLinePassed, "open nslookup file fail\n", WD_PPP_DNS) != 1) {
     return;
   }

@@ -20,6 +20,8 @@ namespace {
 
 constexpr size_t kLine = 512;
 constexpr int kCounters = 22;
+constexpr int kPsSeconds = 10;              // ps only reads /proc
+constexpr size_t kPsOutputMax = 64 * 1024;  // a line of about 80 bytes a process
 
 // The watched processes, in report order; a ps line marks the first it holds.
 const char* const kWatched[] = {"pppd",      "tr69", "dnsmasq", "voiceApp",
@@ -105,20 +107,15 @@ void showProcessStatus(void) {
   snprintf(path, sizeof path, "%s/tmp_ps", "/var/wd_tmp");
   snprintf(command, sizeof command, "ps > %s", path);
   // The line above is what runs; ps starts without a shell, its output in a
-  // file made anew and read back through the same descriptor.
-  FILE* f = nullptr;
-  int fd = wd_createFresh(path);
-  if (fd >= 0) {
-    const char* const argv[] = {"ps", nullptr};
-    wd_run(argv, fd, -1);
-    lseek(fd, 0, SEEK_SET);
-    f = fdopen(fd, "r");
-    if (f == nullptr) close(fd);
-  }
+  // file made anew and read back. A listing cut short by ps's deadline is not
+  // reported: the processes it misses would read as not running.
+  const char* const argv[] = {"ps", nullptr};
+  wdOutput out = {path, kPsOutputMax, false, nullptr};
+  bool stopped = wd_run(argv, kPsSeconds, &out) == WD_RUN_STOPPED;
   char text[kLine];
-  mod_processStatusText(f, text, sizeof text);
-  Close(f);
-  wd_syslogStr(2, text);
+  mod_processStatusText(out.file, text, sizeof text);
+  Close(out.file);
+  if (!stopped) wd_syslogStr(2, text);
 }
 
 int mod_connectionStatusText(FILE* conntrack, char* out, size_t size) {

@@ -20,6 +20,8 @@ constexpr const char* kCwmp = "Cwmp_Entry";
 constexpr const char* kHandler = "mod_tr069Handler";
 constexpr const char* kConReqDefault = "KPRTV4826";
 constexpr const char* kAcsDefault = "WBN5937";
+constexpr int kKillSeconds = 10;   // killall only reads /proc and signals
+constexpr int kStartSeconds = 30;  // a start line, as for the start scripts
 constexpr const char* kCommFailure =
     "ALARM_TR069_COMMNUNICATION_CPE_ACS_FAILURE-TR069_PROCESS_RESTART";
 
@@ -97,9 +99,10 @@ void wd_tr069_Restart(int mode) {
     tcapi_set(kCwmp, "restartmode", "periodic");
     WD_TRACE("Enter wd restart TR069");
   }
-  // Fixed command lines: nothing from outside reaches this shell.
-  wd_runShell("/usr/bin/killall -9 tr69", -1);
-  wd_runShell("/userfs/bin/tr69 &", -1);
+  // Fixed command lines: nothing from outside reaches this shell. The client
+  // goes to the background; its start line only has to return.
+  wd_runShell("/usr/bin/killall -9 tr69", kKillSeconds);
+  wd_runShell("/userfs/bin/tr69 &", kStartSeconds);
 }
 
 int wdmod_tr069Handler_init(void) {

@@ -27,6 +27,7 @@ constexpr const char* kFlashDir = "/data";
 // restored earlier); a file far beyond that is damaged, and the rest of it is
 // not restored.
 constexpr int kMaxRestoredLines = 1000;
+constexpr int kRemoveSeconds = 10;  // rm of one file
 
 wdMutex gFlashMutex = PTHREAD_MUTEX_INITIALIZER;
 // The change count of the last save or removal carried out.
@@ -204,5 +205,5 @@ int loadMsgToWDBuf(int (*push)(const char* line, uint32_t category)) {
     fclose(f);
   }
   const char* rm[] = {"rm", WD_FLASH_FILE, nullptr};
-  return wd_run(rm, -1, -1);
+  return wd_run(rm, kRemoveSeconds);
 }

@@ -29,6 +29,13 @@ constexpr const char* kConfig = "/var/syslog-ng.conf";
 constexpr const char* kStartCmd = "/usr/sbin/syslog-ng -f /var/syslog-ng.conf";
 constexpr const char* kListing = "/tmp/syslogMem";
 constexpr unsigned long kMemoryLimit = 4501;
+// Deadlines: the ps pipeline and cp only read /proc or copy a small file;
+// syslog-ng returns once it has read its configuration and gone to the
+// background.
+constexpr int kListingSeconds = 10;
+constexpr size_t kListingMax = 16 * 1024;  // the few syslog-ng lines grep lets through
+constexpr int kCopySeconds = 10;
+constexpr int kStartSeconds = 30;
 
 constexpr const char* kLocalDestination =
     "destination d_local {\nfile(\"/var/log/messages\" template(t_demo_filetemplate));\n};\n";
@@ -199,16 +206,11 @@ void kill_process(const char* pidFile, const char* name) {
 }
 
 int checkSyslogngMemory(void) {
-  int fd = wd_createFresh(kListing);
-  if (fd < 0) return 0;
-  wd_runShell("ps | grep -v grep | grep \"/usr/sbin/syslog-ng -f /var/syslog-ng.conf\"", fd);
-  lseek(fd, 0, SEEK_SET);
-  FILE* f = fdopen(fd, "r");
-  if (f == nullptr) {
-    close(fd);
-    unlink(kListing);
-    return 0;
-  }
+  wdOutput out = {kListing, kListingMax, false, nullptr};
+  wd_runShell("ps | grep -v grep | grep \"/usr/sbin/syslog-ng -f /var/syslog-ng.conf\"",
+              kListingSeconds, &out);
+  FILE* f = out.file;
+  if (f == nullptr) return 0;
   char* line = nullptr;
   size_t cap = 0;
   bool any = false;
@@ -237,7 +239,7 @@ void RestartSysklogng(void) {
   // first, the copy is a file of its own.
   unlink(kConfig);
   const char* copy[] = {"/bin/cp", "-pf", kTemplate, kConfig, nullptr};
-  wd_run(copy, -1, -1);
+  wd_run(copy, kCopySeconds);
 
   char enable[16] = {0};
   if (tcapi_get("Watchdog_Common", "Enable", enable) != 0) {
@@ -270,7 +272,7 @@ void RestartSysklogng(void) {
   fclose(f);
   tcdbg_printf("RestartSysklogng. %s\n", kStartCmd);
   const char* start[] = {"/usr/sbin/syslog-ng", "-f", kConfig, nullptr};
-  wd_run(start, -1, -1);
+  wd_run(start, kStartSeconds);
 }
 
 void TriggerDebugFlag(int) {

@@ -1,5 +1,5 @@
 // A shell command's output as the general module reports it: in the pieces
-// that 512-byte reads of the pipe give, each piece a numbered line. The
+// that 512-byte reads of the output give, each piece a numbered line. The
 // numbers must run 1, 2, 3... while the buffer takes the lines. Output past
 // 256 KiB is not fed: it only adds lines the full buffer refuses, each
 // refusal copying the whole buffer for the flash, which takes minutes here.

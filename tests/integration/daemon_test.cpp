@@ -178,6 +178,19 @@ TEST(Tools, TcapiAndWdctlWithoutDaemonOrReply) {
     EXPECT_EQ(gw::Run(bad).status, std::string(bad).find("Node") == std::string::npos ? 2 : 1)
         << bad;
   }
+  // A commit hook that never ends is killed with its group at 30 s (3 s here).
+  gw::WriteFile("/etc/tcapi.d/Hang", "#!/bin/sh\necho $$\nsleep 1000 & sleep 1000\n");
+  ASSERT_EQ(chmod("/etc/tcapi.d/Hang", 0755), 0);
+  std::string faketime;
+  for (const std::string& word : gw::Faketime(10, true)) faketime += "'" + word + "' ";
+  gw::RunResult hang = gw::Run(faketime + "tcapi commit Hang");
+  EXPECT_EQ(hang.status, 1);
+  std::string group = hang.output.substr(0, hang.output.find('\n') + 1);
+  EXPECT_EQ(hang.output,
+            group +
+                "tcapi_commit: \"/etc/tcapi.d/Hang\" still running after 30 s, stopped\n"
+                "tcapi: commit hook of Hang failed\n");
+  EXPECT_TRUE(gw::WaitUntil([&] { return kill(-atoi(group.c_str()), 0) != 0; }));
   EXPECT_EQ(gw::Run("wdctl query pppoe").status, 1) << "no daemon";
   int fd = gw::Bind(WD_CMD_SOCK_PATH);  // takes commands, never answers
   gw::RunResult r = gw::Run("wdctl --timeout 0.3 query arp");

@@ -69,10 +69,11 @@ uint32_t FromTarget(uint32_t raw) {
   return targetBig == hostBig ? raw : __builtin_bswap32(raw);
 }
 
-std::vector<std::string> Faketime(int speed) {
+std::vector<std::string> Faketime(int speed, bool monotonic) {
   const char* asan = getenv("ASAN_OPTIONS");
   return {"/usr/bin/env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
-          "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_FAKE_MONOTONIC=1",
+          "FAKETIME=+0 x" + std::to_string(speed),
+          std::string("FAKETIME_DONT_FAKE_MONOTONIC=") + (monotonic ? "0" : "1"),
           std::string("ASAN_OPTIONS=verify_asan_link_order=0:") + (asan ? asan : "")};
 }
 
@@ -80,7 +81,7 @@ bool Daemon::Start(const std::vector<std::string>& args, bool waitReady) {
   std::vector<std::string> argv;
   std::istringstream emulator(Emulator());
   for (std::string word; emulator >> word;) argv.push_back(word);
-  if (argv.empty()) argv = Faketime(100);  // the emulator's own waits would not be scaled
+  if (argv.empty()) argv = faketime_;  // the emulator's own waits would not be scaled
   argv.push_back("/opt/watchdogd/sbin/watchdogd");
   argv.insert(argv.end(), args.begin(), args.end());
   rmdir("/var/wd_tmp");

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "libwdfunc.h"
@@ -27,13 +28,16 @@ std::string Installed(const std::string& program);
 uint32_t FromTarget(uint32_t raw);
 
 // env(1) and the settings that run a program under libfaketime `speed` times
-// faster: the child only opens and execs.
-std::vector<std::string> Faketime(int speed);
+// faster: the child only opens and execs. The monotonic clock runs faster too
+// only with `monotonic` (the deadlines of the programs the daemon starts).
+std::vector<std::string> Faketime(int speed, bool monotonic = false);
 
-// The daemon as a child process, under libfaketime 100 times faster (in real
+// The daemon as a child process, under libfaketime as `faketime` says (in real
 // time under an emulator).
 class Daemon {
  public:
+  explicit Daemon(std::vector<std::string> faketime = Faketime(100))
+      : faketime_(std::move(faketime)) {}
   ~Daemon() { Kill(); }
   // With `waitReady`, returns once start-up is over (/var/wd_tmp exists).
   bool Start(const std::vector<std::string>& args = {}, bool waitReady = true);
@@ -44,6 +48,7 @@ class Daemon {
   std::string NewStderr() const;  // what it wrote after its start-up
 
  private:
+  std::vector<std::string> faketime_;
   pid_t pid_ = -1;
   size_t readyMark_ = 0;
 };

@@ -174,6 +174,48 @@ TEST_F(NetTables, RouteModesSwitchBetweenTimerAndKernelNotices) {
   EXPECT_TRUE(gw::WaitUntil([&] { return result.Query(MOD_IP_ROUTE) == WD_QUERY_NOT_RUNNING; }));
 }
 
+// A route that never ends (a script before BusyBox's in the PATH, hanging
+// while /tmp/route.hang exists) is stopped at its deadline: the module still
+// changes mode and ends, and reports the next change. Both clocks of this
+// daemon run 10 times faster, so the deadline of 20 s passes in 2.
+TEST_F(NetTables, AHangingRouteCostsOneReportNeverTheModule) {
+  gw::WriteFile("/gw/bin/route.new",
+                "#!/bin/sh\n[ -e /tmp/route.hang ] || exec busybox route \"$@\"\n"
+                ": > /tmp/route.started\nexec sleep 100000\n");
+  ASSERT_EQ(chmod("/gw/bin/route.new", 0755), 0);
+  ASSERT_EQ(rename("/gw/bin/route.new", "/gw/bin/route"), 0);
+  SetConfig("Watchdog_Route", "Mode", "2");
+  gw::Daemon daemon(gw::Faketime(10, true));
+  ASSERT_TRUE(daemon.Start({"-d"}));
+  // A route change while route hangs, once the hang has begun.
+  auto hangOn = [](const std::string& change) {
+    unlink("/tmp/route.started");
+    gw::WriteFile("/tmp/route.hang", "");
+    ASSERT_EQ(gw::Run("ip route " + change + " 198.18.0.7 dev br0").status, 0);
+    ASSERT_TRUE(gw::WaitUntil([] { return gw::Exists("/tmp/route.started"); }));
+  };
+  const std::string stopped = "wd_run: \"route\" still running after 20 s, stopped\n";
+
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil(Monitoring));
+  hangOn("add");
+  Route("Mode", "1");
+  ASSERT_TRUE(gw::WaitUntil([] { return !Monitoring(); }));
+  EXPECT_EQ(Count(daemon.Stderr(), stopped), 1u);
+  unlink("/tmp/route.hang");
+  Route("Mode", "2");
+  ASSERT_TRUE(gw::WaitUntil(Monitoring));
+  ASSERT_EQ(gw::Run("ip route del 198.18.0.7 dev br0").status, 0);
+  ASSERT_TRUE(gw::WaitUntil([] { return RouteTables() >= 1; }));
+  EXPECT_EQ(RouteTables("198.18.0.7"), 0u);
+
+  hangOn("add");
+  ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_THREAD_EXIT, MOD_IP_ROUTE));
+  gw::ResultSocket result;
+  EXPECT_TRUE(gw::WaitUntil([&] { return result.Query(MOD_IP_ROUTE) == WD_QUERY_NOT_RUNNING; }));
+  EXPECT_EQ(Count(daemon.Stderr(), stopped), 2u);
+}
+
 // The report categories syslog-ng wrote, grouped by expiry of the periodic
 // info module (each ends with infgen).
 std::vector<std::vector<std::string>> Expiries() {

@@ -1,9 +1,8 @@
-// The core: module channels and sending, number parsing, and the programs
-// the daemon starts.
+// The core: module channels, sending and the queues of waiting events, and
+// number parsing.
 
 #include "wd_base.h"
 #include "wd_chanl.h"
-#include "wd_proc.h"
 
 #include <poll.h>
 
@@ -157,36 +156,6 @@ TEST(Numbers, OutsideNumbersAreRangeChecked) {
   for (const char* bad : {"", "x1", "101", "-1", "99999999999999999999999"}) {
     EXPECT_EQ(wd_parseLong(&(text = bad), 0, 100, &v), 0) << bad;
   }
-}
-
-// A program started from a real-time thread that blocks SIGUSR1 and SIGUSR2,
-// as the relay's threads do, with a descriptor open without close-on-exec.
-void* RunProbe(void* out) {
-  sigset_t usr;
-  sigemptyset(&usr);
-  sigaddset(&usr, SIGUSR1);
-  sigaddset(&usr, SIGUSR2);
-  pthread_sigmask(SIG_BLOCK, &usr, nullptr);
-  int leaked = open("/dev/null", O_RDONLY);
-  int fd = wd_createFresh("/tmp/probe");
-  wd_runShell("grep SigBlk /proc/$$/status; cut -d' ' -f41 /proc/$$/stat; ls /proc/$$/fd", fd);
-  *static_cast<std::string*>(out) = Slurp("/tmp/probe");
-  close(fd);
-  close(leaked);
-  return nullptr;
-}
-
-TEST(Programs, StartWithDefaultSignalsSchedulingAndNoDaemonDescriptors) {
-  ASSERT_EQ(symlink("/tmp/target", "/tmp/probe"), 0);
-  std::string out;
-  pthread_t t;
-  ASSERT_EQ(wd_createRtThread(&t, RunProbe, &out, "probe"), 0);
-  pthread_join(t, nullptr);
-  EXPECT_EQ(out, "SigBlk:\t0000000000000000\n0\n0\n1\n2\n") << "mask, policy, descriptors";
-  EXPECT_NE(access("/tmp/target", F_OK), 0) << "a planted link is replaced, never followed";
-  const char* missing[] = {"/no/such/program", nullptr};
-  int rc = wd_run(missing, -1, -1);  // -1, or exit 127 where spawning cannot tell (qemu)
-  EXPECT_TRUE(rc == -1 || (WIFEXITED(rc) && WEXITSTATUS(rc) == 127)) << rc;
 }
 
 }  // namespace
