@@ -11,13 +11,14 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <list>
 #include <vector>
 
 #include "tcapi.h"
@@ -30,11 +31,57 @@ wdMutex gChanlLock = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-// An event that waits for room in its module's channel.
-struct Pending {
-  int eventType;
-  int srcMod;
-  std::vector<unsigned char> data;  // the payload carried; empty for none
+// The events that wait for room in one module's channel, in order, packed
+// one after the other (event, source, payload length, payload: 10 to 110
+// bytes for the daemon's own events) in one buffer that grows as they come
+// and is released once they have all gone.
+class EventQueue {
+ public:
+  bool empty() const { return count_ == 0; }
+  size_t size() const { return count_; }
+  void Push(int eventType, int srcMod, const unsigned char* data, size_t len) {
+    Header h = {eventType, srcMod, static_cast<uint16_t>(len)};
+    const unsigned char* head = reinterpret_cast<const unsigned char*>(&h);
+    bytes_.insert(bytes_.end(), head, head + sizeof h);
+    bytes_.insert(bytes_.end(), data, data + len);
+    ++count_;
+  }
+  // The first event: its fields, and its payload at `*data`.
+  void Front(int* eventType, int* srcMod, const unsigned char** data, size_t* len) const {
+    Header h;
+    memcpy(&h, bytes_.data() + first_, sizeof h);
+    *eventType = h.eventType;
+    *srcMod = h.srcMod;
+    *data = bytes_.data() + first_ + sizeof h;
+    *len = h.len;
+  }
+  void Pop() {
+    Header h;
+    memcpy(&h, bytes_.data() + first_, sizeof h);
+    first_ += sizeof h + h.len;
+    if (--count_ == 0) {
+      Clear();
+    } else if (first_ > bytes_.size() / 2) {
+      // What has gone is the larger part: it goes for good.
+      bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<ptrdiff_t>(first_));
+      first_ = 0;
+    }
+  }
+  void Clear() {
+    std::vector<unsigned char>().swap(bytes_);
+    first_ = 0;
+    count_ = 0;
+  }
+
+ private:
+  struct Header {
+    int32_t eventType;
+    int32_t srcMod;
+    uint16_t len;
+  };
+  std::vector<unsigned char> bytes_;
+  size_t first_ = 0;  // where the first event begins
+  size_t count_ = 0;
 };
 
 // What is sent to one module: its sending socket, connected to the channel's
@@ -42,7 +89,7 @@ struct Pending {
 struct Outbox {
   wdMutex lock = PTHREAD_MUTEX_INITIALIZER;
   int sendFd WD_GUARDED_BY(lock) = -1;  // -1 while the module has no channel
-  std::list<Pending> pending WD_GUARDED_BY(lock);
+  EventQueue pending WD_GUARDED_BY(lock);
   unsigned dropped WD_GUARDED_BY(lock) = 0;  // since the queue was last empty
 };
 
@@ -101,18 +148,21 @@ int Watch(Outbox& box, int modId) WD_REQUIRES(box.lock) {
 // lost then), else 0.
 unsigned Flush(Outbox& box, int modId) WD_REQUIRES(box.lock) {
   while (!box.pending.empty()) {
-    const Pending& p = box.pending.front();
-    int err = SendNow(box.sendFd, modId, p.eventType, p.srcMod, p.data.data(), p.data.size());
+    int eventType, srcMod;
+    const unsigned char* data;
+    size_t len;
+    box.pending.Front(&eventType, &srcMod, &data, &len);
+    int err = SendNow(box.sendFd, modId, eventType, srcMod, data, len);
     if (err == EAGAIN || err == EWOULDBLOCK) {
       err = Watch(box, modId);
       if (err == 0) return 0;
     }
     if (err != 0) {
       // Nobody takes events at the path any more: the module is ending.
-      box.pending.clear();
+      box.pending.Clear();
       break;
     }
-    box.pending.pop_front();
+    box.pending.Pop();
   }
   unsigned dropped = box.dropped;
   box.dropped = 0;
@@ -194,7 +244,7 @@ void wd_chanlClose(wdChanl* ch) {
       wdLock sending(&box.lock);
       close(box.sendFd);
       box.sendFd = -1;
-      box.pending.clear();  // events for a module that has ended are lost
+      box.pending.Clear();  // events for a module that has ended are lost
       dropped = box.dropped;
       box.dropped = 0;
     }
@@ -243,8 +293,7 @@ int wd_simpleSendMsg(int eventType, int srcMod, int destMod, const void* data, u
           Watch(box, destMod);
           wake = true;
         }
-        box.pending.push_back(
-            Pending{eventType, srcMod, std::vector<unsigned char>(bytes, bytes + len)});
+        box.pending.Push(eventType, srcMod, bytes, len);
         result = WD_MSG_SIZE;
       }
     }

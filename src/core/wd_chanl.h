@@ -82,8 +82,9 @@ void wd_chanlAddr(int modId, sockaddr_un* addr);
 
 // The most events kept waiting for one module whose channel is full. A
 // channel holds 10 datagrams (the kernel's default queue length, the same on
-// the gateway); a burst from a peer beyond that waits here instead.
-#define WD_CHANL_PENDING_MAX 4096
+// the gateway); a burst from a peer beyond that waits here instead, whole
+// even when the module takes none of it meanwhile.
+#define WD_CHANL_PENDING_MAX 16384
 
 // Sends event `eventType` to module `destMod` as one 8016-byte wdMsg to the
 // module's channel path. A payload is carried when `data` is given and `len`

@@ -86,6 +86,7 @@ TEST(EventQueues, ABurstArrivesWholeAndInOrderAndAStuckModuleLosesOnlyItsOwn) {
   };
   std::thread serve = serving();
   constexpr uint32_t kBurst = 10000;
+  constexpr uint32_t kStuckSent = WD_CHANL_PENDING_MAX + 1000;
   std::vector<uint32_t> got[3];
   std::vector<std::thread> readers;
   for (int i = 0; i < 3; ++i)
@@ -94,7 +95,7 @@ TEST(EventQueues, ABurstArrivesWholeAndInOrderAndAStuckModuleLosesOnlyItsOwn) {
     for (uint32_t n = 0; n < kBurst; ++n) {
       for (int id : busy) ASSERT_EQ(wd_simpleSendMsg(RECEIVE_FROM, 0, id, &n, sizeof n), WD_MSG_SIZE);
     }
-    for (uint32_t n = 0; n < 5000; ++n) wd_simpleSendMsg(RECEIVE_FROM, 0, stuck, &n, sizeof n);
+    for (uint32_t n = 0; n < kStuckSent; ++n) wd_simpleSendMsg(RECEIVE_FROM, 0, stuck, &n, sizeof n);
     for (std::thread& t : readers) t.join();
   });
   std::vector<uint32_t> all(kBurst);
@@ -121,8 +122,8 @@ TEST(EventQueues, ABurstArrivesWholeAndInOrderAndAStuckModuleLosesOnlyItsOwn) {
   std::vector<uint32_t> waited(WD_CHANL_PENDING_MAX);
   for (size_t i = 0; i < waited.size(); ++i) waited[i] = static_cast<uint32_t>(inChannel + i);
   EXPECT_EQ(rest, waited);
-  EXPECT_EQ(said, "wd_simpleSendMsg: " + std::to_string(5000 - WD_CHANL_PENDING_MAX - inChannel) +
-                      " events for module 2 dropped, its queue of 4096 was full\n");
+  EXPECT_EQ(said, "wd_simpleSendMsg: " + std::to_string(kStuckSent - WD_CHANL_PENDING_MAX - inChannel) +
+                      " events for module 2 dropped, its queue of 16384 was full\n");
   for (int id : {busy[0], busy[1], busy[2], stuck}) wd_chanlClose(&ch[id]);
 }
 
