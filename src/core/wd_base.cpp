@@ -47,6 +47,33 @@ void wd_dbgTrace(const char* func, int line, const char* format, ...) {
   close(fd);
 }
 
+int64_t wd_monotonicUs(void) {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+int64_t wd_kernelMonotonicMs(void) {
+#ifdef SYS_clock_gettime64
+  if (sizeof(long) < 8) {
+    struct {
+      int64_t sec;
+      int64_t nsec;
+    } ts64;
+    if (syscall(SYS_clock_gettime64, CLOCK_MONOTONIC, &ts64) == 0) return ts64.sec * 1000 + ts64.nsec / 1000000;
+  }
+#endif
+#ifdef SYS_clock_gettime
+  struct {
+    long sec;
+    long nsec;
+  } ts;
+  if (syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts) == 0)
+    return static_cast<int64_t>(ts.sec) * 1000 + ts.nsec / 1000000;
+#endif
+  return wd_monotonicUs() / 1000;
+}
+
 int wd_clockRealtime(int64_t* sec, int32_t* usec) {
   if (sizeof(time_t) < 8) {
 #ifdef SYS_clock_gettime64

@@ -39,6 +39,16 @@ void wd_dbgTrace(const char* func, int line, const char* format, ...)
 // until 2106). Returns 0, or -1 when the clock cannot be read.
 int wd_clockRealtime(int64_t* sec, int32_t* usec);
 
+// The monotonic clock (CLOCK_MONOTONIC) in microseconds: what every wait and
+// every due time runs on, so that a step of the calendar clock changes none.
+int64_t wd_monotonicUs(void);
+
+// The same clock in milliseconds, read from the kernel by system call: the
+// deadlines of started programs run on it. libfaketime, which speeds up the
+// daemon's clocks in the test gateway, does not reach a system call, so there
+// a program, which runs at real speed, still gets its whole deadline.
+int64_t wd_kernelMonotonicMs(void);
+
 // Sets `tv` to `seconds` and 0 microseconds; returns 0.
 int wd_initTimeVal(struct timeval* tv, int seconds);
 

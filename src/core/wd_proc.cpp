@@ -27,6 +27,7 @@
 #include <algorithm>
 
 #include "tcapi.h"
+#include "wd_base.h"
 
 extern char** environ;
 
@@ -74,11 +75,7 @@ int PidfdOpen(pid_t pid) {
 #endif
 }
 
-int64_t NowMs() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+int64_t NowMs() { return wd_kernelMonotonicMs(); }
 
 // A started program: its pid (its group's id), a descriptor readable once it
 // has ended (or -1), the reading end of its output (-1 once at its end or

@@ -5,19 +5,25 @@
 // from then on; for due periodic timers the pass notes callback, id and
 // argument under the lock and calls them afterwards, so a concurrent stop may
 // release the timer meanwhile.
+//
+// Between passes the timer thread sleeps until the earliest due time of any
+// timer (without limit when none is armed). Arming a timer due before that,
+// or stopping the one it sleeps for, wakes it through an eventfd.
 #include "wd_timer.h"
 
 #include <errno.h>
+#include <stdint.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/select.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <vector>
 
 #ifdef WD_TIMER_STATS
 #include <signal.h>
 #include <stdio.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 
@@ -37,12 +43,37 @@ int tmIdIndex = 0;
 
 namespace {
 
-int (*gClock)(wdTimeVal*) = gettimeofday_n;
+int MonotonicClock(wdTimeVal* tv) {
+  int64_t us = wd_monotonicUs();
+  tv->tv_sec = us / 1000000;
+  tv->tv_usec = static_cast<int32_t>(us % 1000000);
+  return 0;
+}
+
+int (*gClock)(wdTimeVal*) = MonotonicClock;
+
+// Passes are at least this far apart for a periodic timer with a shorter
+// interval: one of 0 ms fires once every 100 ms, as a pass every 100 ms made it.
+constexpr int64_t kPassGapUs = 100000;
+
+int gWakeFd = -1;  // the timer thread's eventfd; -1 until wd_timerInit
+// The due time the timer thread sleeps until; INT64_MAX while it sleeps
+// without limit, INT64_MIN once a wake is on its way (it will look anew).
+int64_t gSleepUntilUs WD_GUARDED_BY(timerMutex) = INT64_MIN;
+
+int64_t Us(const wdTimeVal& t) { return t.tv_sec * 1000000 + t.tv_usec; }
+
+void WakeTimerThread() {
+  if (gWakeFd < 0) return;
+  uint64_t one = 1;
+  ssize_t ignored = write(gWakeFd, &one, sizeof one);  // a full counter is a wake already
+  (void)ignored;
+}
 
 #ifdef WD_TIMER_STATS
 // The benchmark build's timer figures (scripts/bench.sh): how late each
-// module timer expiry is called after its due time, and how much longer than
-// its 100 ms the timer thread's wait takes. SIGURG, which the daemon does
+// module timer expiry is called after its due time, and how much later than
+// its timeout the timer thread's wait returns. SIGURG, which the daemon does
 // not use otherwise, makes the timer thread write them to
 // /tmp/wd_timer_stats and start counting anew. Fixed room; samples beyond it
 // are counted as dropped.
@@ -50,7 +81,7 @@ constexpr int kStatsRoom = 1024;
 struct TimerStats {
   int32_t expiryUs[kStatsRoom];  // lateness of a module timer expiry
   int8_t expiryMod[kStatsRoom];
-  int32_t wakeUs[kStatsRoom];  // the wait beyond its 100 ms
+  int32_t wakeUs[kStatsRoom];  // the wait beyond its timeout
   int expiries, wakes, dropped;
 };
 TimerStats gStats;  // the timer thread's alone
@@ -72,18 +103,12 @@ void NoteExpiry(const wdTimeVal* now, const wdTimeVal* expiry, int arg) {
   gStats.expiryMod[gStats.expiries++] = static_cast<int8_t>(arg);
 }
 
-void NoteWake(int64_t waitedUs) {
+void NoteWake(int64_t lateUs) {
   if (gStats.wakes == kStatsRoom) {
     ++gStats.dropped;
     return;
   }
-  gStats.wakeUs[gStats.wakes++] = static_cast<int32_t>(waitedUs - 100000);
-}
-
-int64_t MonotonicUs() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+  gStats.wakeUs[gStats.wakes++] = static_cast<int32_t>(lateUs);
 }
 
 void WriteStats() {
@@ -147,39 +172,121 @@ int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg
   timerNode* t = NewTimer(&now, id, interval, callback, arg);
   if (t == nullptr) return -1;
 
-  wdLock lock(&timerMutex);
-  timerListIterator it;
-  for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
-    timerNode* old = static_cast<timerNode*>(e);
-    if (old->id == id) {
+  int64_t due = Us(t->expiry);
+  bool wake = false;
+  {
+    wdLock lock(&timerMutex);
+    timerListIterator it;
+    timerNode* old = nullptr;
+    for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
+      if (static_cast<timerNode*>(e)->id == id) {
+        old = static_cast<timerNode*>(e);
+        break;
+      }
+    }
+    if (old != nullptr) {
+      // Moved, possibly later: the thread may sleep for its old due time,
+      // which then only costs a pass with nothing to do.
       old->expiry = t->expiry;
       old->arg = arg;
       old->callback = callback;
       timer_free(t);
-      return 0;
+    } else if (timer_list_add(list, t, list->count) < 0) {
+      timer_free(t);
+      return -1;
+    }
+    if (due < gSleepUntilUs) {
+      gSleepUntilUs = INT64_MIN;
+      wake = true;
     }
   }
-  if (timer_list_add(list, t, list->count) < 0) {
-    timer_free(t);
-    return -1;
-  }
+  if (wake) WakeTimerThread();
   return 0;
 }
 
 int Disarm(timerList* list, int id) WD_EXCLUDES(timerMutex) {
-  wdLock lock(&timerMutex);
-  timerListIterator it;
-  void* e = timer_list_get_first(list, &it);
-  while (e != nullptr) {
-    timerNode* t = static_cast<timerNode*>(e);
-    if (t->id == id) {
-      e = timer_list_iterator_remove(&it);
-      timer_free(t);
-    } else {
-      e = timer_list_get_next(&it);
+  bool wake = false;
+  {
+    wdLock lock(&timerMutex);
+    timerListIterator it;
+    void* e = timer_list_get_first(list, &it);
+    while (e != nullptr) {
+      timerNode* t = static_cast<timerNode*>(e);
+      if (t->id == id) {
+        // The thread sleeps for this one: it wakes and sleeps anew for the next.
+        if (Us(t->expiry) <= gSleepUntilUs && gSleepUntilUs != INT64_MIN) {
+          gSleepUntilUs = INT64_MIN;
+          wake = true;
+        }
+        e = timer_list_iterator_remove(&it);
+        timer_free(t);
+      } else {
+        e = timer_list_get_next(&it);
+      }
     }
   }
+  if (wake) WakeTimerThread();
   return 0;
+}
+
+// The time the timer thread may sleep until after the pass at `passUs`: the
+// earliest due time of any timer, INT64_MAX when none is armed. Notes it, so
+// that arming an earlier timer wakes the thread.
+int64_t NextDue(int64_t passUs) WD_EXCLUDES(timerMutex) {
+  wdLock lock(&timerMutex);
+  int64_t next = INT64_MAX;
+  timerListIterator it;
+  for (void* e = timer_list_get_first(&time_list, &it); e != nullptr; e = timer_list_get_next(&it)) {
+    int64_t due = Us(static_cast<timerNode*>(e)->expiry);
+    if (due < next) next = due;
+  }
+  for (void* e = timer_list_get_first(&periodic_time_list, &it); e != nullptr;
+       e = timer_list_get_next(&it)) {
+    const timerNode* t = static_cast<timerNode*>(e);
+    int64_t due = Us(t->expiry);
+    if (t->interval < kPassGapUs / 1000 && due < passUs + kPassGapUs) due = passUs + kPassGapUs;
+    if (due < next) next = due;
+  }
+  gSleepUntilUs = next;
+  return next;
+}
+
+// Sleeps until the monotonic time `untilUs` (INT64_MAX: without limit) or a
+// wake. The timeout is relative, computed from the monotonic clock, and the
+// wait is a select, which libfaketime speeds up with the clock (a fortified
+// ppoll it would not see); rounded up, never early.
+void SleepUntil(int64_t untilUs) {
+  timeval timeout, *limit = nullptr;
+  int64_t leftUs = 0;
+  if (untilUs != INT64_MAX) {
+    wdTimeVal now;
+    leftUs = gClock(&now) == 0 ? untilUs - Us(now) : kPassGapUs;
+    if (leftUs <= 0) return;
+    timeout.tv_sec = static_cast<time_t>(leftUs / 1000000);
+    timeout.tv_usec = static_cast<suseconds_t>(leftUs % 1000000);
+    limit = &timeout;
+  }
+  fd_set wake;
+  FD_ZERO(&wake);
+  int nfds = 0;
+  if (gWakeFd >= 0 && gWakeFd < FD_SETSIZE) {
+    FD_SET(gWakeFd, &wake);
+    nfds = gWakeFd + 1;
+  }
+#ifdef WD_TIMER_STATS
+  int64_t before = wd_monotonicUs();
+  // A wait cut short by the signal or a wake is no sample.
+  int ready = select(nfds, &wake, nullptr, nullptr, limit);
+  if (ready == 0) NoteWake(wd_monotonicUs() - before - leftUs);
+  if (gStatsRequests.exchange(0) > 0) WriteStats();
+#else
+  int ready = select(nfds, &wake, nullptr, nullptr, limit);
+#endif
+  if (ready > 0) {
+    uint64_t count;
+    ssize_t ignored = read(gWakeFd, &count, sizeof count);
+    (void)ignored;
+  }
 }
 
 // Takes an id, arms the timer, and gives the id back when arming fails.
@@ -206,7 +313,12 @@ int Create(bool periodic, int interval, wdTimerCallback callback, int modId)
 
 int gettimeofday_n(wdTimeVal* tv) { return wd_clockRealtime(&tv->tv_sec, &tv->tv_usec); }
 
-void wd_timerSetClock(int (*clock)(wdTimeVal* tv)) { gClock = clock ? clock : gettimeofday_n; }
+void wd_timerSetClock(int (*clock)(wdTimeVal* tv)) { gClock = clock ? clock : MonotonicClock; }
+
+int64_t wd_timerSleepUntil(void) {
+  wdLock lock(&timerMutex);
+  return gSleepUntilUs;
+}
 
 void wd_timerInit(void) {
   {
@@ -226,6 +338,16 @@ void wd_timerInit(void) {
   sigaddset(&urg, SIGURG);
   pthread_sigmask(SIG_BLOCK, &urg, nullptr);
 #endif
+  gWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (gWakeFd >= FD_SETSIZE) {
+    close(gWakeFd);
+    gWakeFd = -1;
+    errno = EMFILE;
+  }
+  if (gWakeFd < 0) {
+    tcdbg_printf("wd_timerInit: no eventfd (%s), timers are checked every 100 ms\n",
+                 strerror(errno));
+  }
   wd_createRtThread(&timer_thread, wd_timerProc, nullptr, "timer");
 }
 
@@ -287,23 +409,26 @@ void* wd_timerProc(void*) {
   bool clockFailed = false;
   for (;;) {
     wdTimeVal now;
+    int64_t until;
     if (gClock(&now) == 0) {
       clockFailed = false;
       wd_timerPass(&now);
-    } else if (!clockFailed) {
-      // Without a time no timer can be judged due; they wait for the clock.
-      clockFailed = true;
-      tcdbg_printf("wd_timerProc: the clock cannot be read (%s), timers wait\n", strerror(errno));
+      until = gWakeFd >= 0 ? NextDue(Us(now)) : Us(now) + kPassGapUs;
+    } else {
+      // Without a time no timer can be judged due; they wait for the clock,
+      // which is tried again every 100 ms.
+      if (!clockFailed) {
+        clockFailed = true;
+        tcdbg_printf("wd_timerProc: the clock cannot be read (%s), timers wait\n", strerror(errno));
+      }
+      until = INT64_MIN;
     }
-    struct timeval wait = {0, 100000};
-#ifdef WD_TIMER_STATS
-    int64_t before = MonotonicUs();
-    // A wait the signal cut short is no sample.
-    if (select(0, nullptr, nullptr, nullptr, &wait) == 0) NoteWake(MonotonicUs() - before);
-    if (gStatsRequests.exchange(0) > 0) WriteStats();
-#else
-    select(0, nullptr, nullptr, nullptr, &wait);
-#endif
+    if (until == INT64_MIN) {
+      timespec retry = {0, kPassGapUs * 1000};
+      nanosleep(&retry, nullptr);
+    } else {
+      SleepUntil(until);
+    }
   }
   return nullptr;
 }

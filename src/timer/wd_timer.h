@@ -1,9 +1,9 @@
 // The timer service: one-shot and periodic timers with millisecond intervals,
 // served by one timer thread.
 //
-// Threads: the timer thread (wd_timerProc) makes one pass every 100 ms against
-// the real-time clock and calls the callbacks of due timers; module and relay
-// threads arm and stop timers. timerMutex guards both lists, every timer in
+// Threads: the timer thread (wd_timerProc) makes a pass when the earliest
+// timer is due, on the monotonic clock, and calls the callbacks of due timers;
+// module and relay threads arm and stop timers. timerMutex guards both lists, every timer in
 // them and tmIdIndex; callbacks run without it. Every callback of the daemon
 // turns an expiry into an event on a module channel.
 #ifndef WATCHDOGD_TIMER_WD_TIMER_H
@@ -17,7 +17,8 @@
 
 typedef int (*wdTimerCallback)(int id, int arg);
 
-// A time on the real-time clock: seconds since 1970 and microseconds.
+// A time as seconds and microseconds: since boot for timers (the monotonic
+// clock), since 1970 from gettimeofday_n.
 typedef struct wdTimeVal {
   int64_t tv_sec;
   int32_t tv_usec;
@@ -31,7 +32,7 @@ typedef struct timerNode {
   int id WD_GUARDED_BY(timerMutex);
   int arg WD_GUARDED_BY(timerMutex);           // the module id in every use by the daemon
   int interval WD_GUARDED_BY(timerMutex);      // milliseconds; the period of a periodic timer
-  wdTimeVal expiry WD_GUARDED_BY(timerMutex);  // microseconds below 1,000,000
+  wdTimeVal expiry WD_GUARDED_BY(timerMutex);  // monotonic; microseconds below 1,000,000
   wdTimerCallback callback WD_GUARDED_BY(timerMutex);
   struct timerNode* due WD_GUARDED_BY(timerMutex);  // the next due one-shot timer within one pass
 } timerNode;
@@ -45,7 +46,10 @@ extern int tmIdIndex WD_GUARDED_BY(timerMutex);  // the last id given
 // or default scheduling where real-time scheduling is refused). Called once
 // by main before any other service.
 void wd_timerInit(void) WD_EXCLUDES(timerMutex);
-// The timer thread's body: a pass, then a wait of 100 ms, for ever.
+// The timer thread's body, for ever: a pass, then a sleep until the earliest
+// due time of any timer (the due time itself, not a 100 ms grid; a periodic
+// timer shorter than 100 ms waits 100 ms after the pass that fired it), or
+// until arming an earlier timer or stopping the one it sleeps for wakes it.
 void* wd_timerProc(void* arg);
 // One pass of the timer thread for the time `now`: due one-shot timers are
 // removed and called in arming order, then due periodic timers are called
@@ -57,9 +61,15 @@ void wd_timerPass(const wdTimeVal* now) WD_EXCLUDES(timerMutex);
 // The real-time clock (CLOCK_REALTIME) as seconds and microseconds; 0, or -1
 // when it cannot be read.
 int gettimeofday_n(wdTimeVal* tv);
-// The clock that arming and the timer thread read; gettimeofday_n unless a
-// test hands in its own. Not for use while the timer thread runs.
+// The clock that arming and the timer thread read; the monotonic clock unless
+// a test hands in its own (null: back to the monotonic clock). Not for use
+// while the timer thread runs.
 void wd_timerSetClock(int (*clock)(wdTimeVal* tv));
+
+// The monotonic time in microseconds the timer thread last chose to sleep
+// until: INT64_MAX without limit, INT64_MIN while a wake is on its way or
+// before its first pass. For tests.
+int64_t wd_timerSleepUntil(void) WD_EXCLUDES(timerMutex);
 
 // Creating operations: a new timer id (1 or more), or -1 with
 // "Error: Can't start timer\n" / "Error: Can't start periodic timer\n".

@@ -182,7 +182,7 @@ TEST(Tools, TcapiAndWdctlWithoutDaemonOrReply) {
   gw::WriteFile("/etc/tcapi.d/Hang", "#!/bin/sh\necho $$\nsleep 1000 & sleep 1000\n");
   ASSERT_EQ(chmod("/etc/tcapi.d/Hang", 0755), 0);
   std::string faketime;
-  for (const std::string& word : gw::Faketime(10, true)) faketime += "'" + word + "' ";
+  for (const std::string& word : gw::Faketime(10)) faketime += "'" + word + "' ";
   gw::RunResult hang = gw::Run(faketime + "tcapi commit Hang");
   EXPECT_EQ(hang.status, 1);
   std::string group = hang.output.substr(0, hang.output.find('\n') + 1);

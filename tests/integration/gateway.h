@@ -28,9 +28,8 @@ std::string Installed(const std::string& program);
 uint32_t FromTarget(uint32_t raw);
 
 // env(1) and the settings that run a program under libfaketime `speed` times
-// faster: the child only opens and execs. The monotonic clock runs faster too
-// only with `monotonic` (the deadlines of the programs the daemon starts).
-std::vector<std::string> Faketime(int speed, bool monotonic = false);
+// faster, both clocks: the child only opens and execs.
+std::vector<std::string> Faketime(int speed);
 
 // The daemon as a child process, under libfaketime as `faketime` says (in real
 // time under an emulator).
@@ -58,7 +57,8 @@ void WriteFile(const std::string& path, const std::string& text);
 bool Exists(const std::string& path);
 std::vector<std::string> Lines(const std::string& path);
 void RealSleepMs(int ms);  // real time, also in a process under libfaketime
-// Polls `done` every 20 ms until it holds or `timeoutMs` has passed.
+// Polls `done` every 20 ms until it holds or `timeoutMs` has passed, in real
+// time also in a process under libfaketime.
 bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 10000);
 size_t Count(const std::string& text, const std::string& needle);
 // Waits until the file at `path` holds `text` at least `n` times.

@@ -2,6 +2,11 @@
 // results, and many threads at once.
 #include "wd_timer.h"
 
+#include <stdint.h>
+
+#include <mutex>
+
+#include "wd_base.h"
 #include "wd_lock.h"
 #include "wd_wire.h"
 
@@ -136,8 +141,9 @@ int CountFire(int id, int) { return gFired[id]++; }
 TEST(TimerConcurrency, ManyThreadsArmAndStopAtOnce) {
   std::atomic<bool> stop{false};
   std::thread passes([&] {
-    for (wdTimeVal now; !stop; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
-      gettimeofday_n(&now);
+    for (; !stop; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+      int64_t us = wd_monotonicUs();
+      wdTimeVal now = {us / 1000000, static_cast<int32_t>(us % 1000000)};
       wd_timerPass(&now);
     }
   });
@@ -167,6 +173,50 @@ TEST(TimerConcurrency, ManyThreadsArmAndStopAtOnce) {
     for (size_t i = 0; i < mine.size(); ++i) EXPECT_EQ(gFired[mine[i]].load(), i % 2 ? 0 : 1) << i;
   }
   EXPECT_EQ(all.size(), 8u * 200u) << "ids are distinct";
+}
+
+// The timer thread itself, on the monotonic clock. Each case runs in a
+// process of its own, so the thread started here meets no other case.
+std::mutex gFiredMutex;
+std::vector<std::pair<int, int64_t>> gFiredAt;  // id, monotonic microseconds
+int NoteFired(int id, int) {
+  std::lock_guard<std::mutex> lock(gFiredMutex);
+  gFiredAt.emplace_back(id, wd_monotonicUs());
+  return 0;
+}
+std::vector<std::pair<int, int64_t>> FiredSoFar() {
+  std::lock_guard<std::mutex> lock(gFiredMutex);
+  return gFiredAt;
+}
+
+TEST(TimerThread, SleepsUntilTheEarliestTimerAndArmingOrStoppingWakesIt) {
+  wd_timerInit();
+  ASSERT_EQ(wd_addTimer(1, 3600000, NoteFired, 0), 0);
+  int64_t hour = 0;
+  ASSERT_TRUE(WaitUntil([&] {
+    hour = wd_timerSleepUntil();
+    return hour != INT64_MAX && hour > wd_monotonicUs() + 3500000000LL;
+  })) << "asleep until the hour's timer";
+  int64_t armed = wd_monotonicUs();
+  ASSERT_EQ(wd_addTimer(2, 50, NoteFired, 0), 0);
+  ASSERT_TRUE(WaitUntil([] { return !FiredSoFar().empty(); })) << "the earlier timer woke it";
+  std::vector<std::pair<int, int64_t>> fired = FiredSoFar();
+  EXPECT_EQ(fired[0].first, 2);
+  EXPECT_GE(fired[0].second - armed, 50000) << "never before its due time";
+  EXPECT_TRUE(WaitUntil([&] { return wd_timerSleepUntil() == hour; })) << "then asleep for the hour";
+  wd_timerStop(1);
+  EXPECT_TRUE(WaitUntil([] { return wd_timerSleepUntil() == INT64_MAX; }))
+      << "the stop woke it; with no timer left it sleeps without limit";
+  EXPECT_EQ(FiredSoFar().size(), 1u);
+}
+
+TEST(TimerThread, APeriodicTimerShorterThanAPassFiresOnceEvery100Ms) {
+  wd_timerInit();
+  ASSERT_EQ(wd_addPTimer(1, 0, NoteFired, 0), 0);
+  ASSERT_TRUE(WaitUntil([] { return FiredSoFar().size() >= 4; }));
+  wd_timerPStop(1);
+  std::vector<std::pair<int, int64_t>> fired = FiredSoFar();
+  for (size_t i = 1; i < 4; ++i) EXPECT_GE(fired[i].second - fired[i - 1].second, 100000) << i;
 }
 
 }  // namespace
