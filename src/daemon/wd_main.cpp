@@ -155,7 +155,7 @@ void DispatchCommand(wdCmdMsg* msg) {
       break;
     case MSG_QORVWATCHDOG_SYSLOG_RELOAD:
     case MSG_QORVWATCHDOG_SYSLOG_RELOAD_2:
-      sngReload = 1;
+      wd_bufSetReload();
       break;
     default:
       tcdbg_printf("Invalid message type: 0x%08X\r\n", type);

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "tcapi.h"
 #include "wd_base.h"
@@ -26,6 +27,7 @@ int32_t chkSeqNum = -1;
 std::atomic<int32_t> msgFailNum{0};
 std::atomic<uint8_t> rxSocketReady{0};
 std::atomic<int> sngReload{0};
+int bufTxWakeFd = -1;
 int32_t timerChkSyslog = -1;
 int32_t timerSaveSyslog = -1;
 int sockfd = 0;
@@ -191,4 +193,16 @@ int printBufAll(wdBufList* list) {
   }
   WD_CONSOLE("Print buffer content END\n\n");
   return 0;
+}
+
+void wd_bufWakeTx(void) {
+  if (bufTxWakeFd < 0) return;
+  uint64_t one = 1;
+  ssize_t ignored = write(bufTxWakeFd, &one, sizeof one);  // a full counter is a wake already
+  (void)ignored;
+}
+
+void wd_bufSetReload(void) {
+  sngReload = 1;
+  wd_bufWakeTx();
 }

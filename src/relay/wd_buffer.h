@@ -90,6 +90,15 @@ extern int sockfd;                                       // transmit socket of t
 extern int fdFromSyslog;                                 // receive socket
 extern std::atomic<int> g_idebug;                        // relay trace switch
 
+// The transmit thread sleeps while it has nothing to do; these wake it: a
+// line to send, a probe requested, a reload mark, a link that resumes or a
+// line made unsent again. Any thread; a wake while it is awake costs nothing
+// but one more look. The eventfd is made by wd_bufInit (-1 before).
+extern int bufTxWakeFd;
+void wd_bufWakeTx(void);
+// Sets the reload mark (command types 11 and 12) and wakes the transmit thread.
+void wd_bufSetReload(void);
+
 // ---- List operations; the caller holds bufMutex ----
 int bufListInit(wdBufList* list) WD_REQUIRES(bufMutex);
 // A new unsent object with the next sequence number and a copy of the line

@@ -13,10 +13,14 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/inotify.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "tcapi.h"
 #include "wd_base.h"
@@ -27,11 +31,15 @@
 #include "wd_syslogng.h"
 #include "wd_timer.h"
 
+std::atomic<bool> bufTxIdle{false};
+std::atomic<unsigned> bufTxWakes{0};
+
 namespace {
 
 constexpr int kCheckMs = 30000;
 constexpr int kSaveMs = 180000;
-constexpr int kMemoryCheckTicks = 100;
+constexpr int64_t kTickMs = 300;
+constexpr int64_t kMemoryCheckMs = 30000;  // as often as every 100th tick was
 
 sockaddr_un PathAddr(const char* path) {
   sockaddr_un addr;
@@ -133,6 +141,94 @@ void NormalTick() WD_EXCLUDES(bufMutex) {
   if (have) Send(out, "--> #%d(%d:%d,%d) %s\n", "Watchdogd, sendto syslog-ng failed!!\n");
 }
 
+// True while the transmit thread has work for its next tick: the receive
+// socket not yet ready, a probe due, or a line to send while not suspended.
+bool HasWork() WD_EXCLUDES(bufMutex) {
+  if (!rxSocketReady || msgResend) return true;
+  if (dontSend) return false;
+  wdLock lock(&bufMutex);
+  return bufNodeSearchUnsent1st(commBufList) != nullptr;
+}
+
+// Watches the directory of syslog-ng's pid file, so that a new syslog-ng is
+// noticed while the transmit thread sleeps. -1 (and the thread ticks as long
+// as it runs) when the directory cannot be watched.
+int OpenPidWatch() {
+  int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (fd >= 0 && fd < FD_SETSIZE &&
+      inotify_add_watch(fd, WD_SYSLOGNG_PID_DIR, IN_CLOSE_WRITE | IN_MOVED_TO) >= 0) {
+    return fd;
+  }
+  tcdbg_printf("wd_bufTxHandler: cannot watch %s (%s), ticks every 300 ms\n", WD_SYSLOGNG_PID_DIR,
+               strerror(errno));
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
+// True when the events waiting on the watch name the pid file.
+bool PidFileChanged(int fd) {
+  alignas(inotify_event) char events[4096];
+  bool changed = false;
+  ssize_t n;
+  while ((n = read(fd, events, sizeof events)) > 0) {
+    for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
+      const inotify_event* e = reinterpret_cast<const inotify_event*>(events + at);
+      if (e->len > 0 && strcmp(e->name, WD_SYSLOGNG_PID_NAME) == 0) changed = true;
+      at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+    }
+  }
+  return changed;
+}
+
+// The pid file changed while the thread slept: a new syslog-ng is noticed as
+// a tick would notice it, at once, unless sending is suspended (a probe tick
+// looks then).
+void NoticeRestart() WD_EXCLUDES(bufMutex) {
+  if (dontSend || msgResend || !rxSocketReady) return;
+  wdLock lock(&bufMutex);
+  if (SyslogngRestart() == 1) setBufAllUnsent(commBufList);
+}
+
+enum : unsigned { kWoken = 1, kPidChanged = 2, kWaitFailed = 4 };
+
+// Waits until the monotonic millisecond `until`, a wake or a change of the
+// pid file; serves signals that come meanwhile and waits on. The timeout is
+// relative, so that libfaketime speeds it up with the clock.
+unsigned Sleep(int64_t until, int pidWatch) {
+  for (;;) {
+    int64_t left = until - wd_monotonicUs() / 1000;
+    if (left <= 0) return 0;
+    timeval wait = {static_cast<time_t>(left / 1000), static_cast<suseconds_t>(left % 1000 * 1000)};
+    fd_set ready;
+    FD_ZERO(&ready);
+    int nfds = 0;
+    for (int fd : {bufTxWakeFd, pidWatch}) {
+      if (fd < 0) continue;
+      FD_SET(fd, &ready);
+      nfds = std::max(nfds, fd + 1);
+    }
+    int ret = select(nfds, &ready, nullptr, nullptr, &wait);
+    if (ret < 0 && errno == EINTR) {
+      wd_bufServeSignals();
+      continue;
+    }
+    if (ret < 0) {
+      timespec rest = {wait.tv_sec, wait.tv_usec * 1000};
+      nanosleep(&rest, nullptr);
+      return kWaitFailed;
+    }
+    unsigned woke = 0;
+    uint64_t count;
+    if (bufTxWakeFd >= 0 && FD_ISSET(bufTxWakeFd, &ready) &&
+        read(bufTxWakeFd, &count, sizeof count) > 0) {
+      woke |= kWoken;
+    }
+    if (pidWatch >= 0 && FD_ISSET(pidWatch, &ready) && PidFileChanged(pidWatch)) woke |= kPidChanged;
+    if (woke != 0) bufTxWakes.fetch_add(1);
+    if (ret == 0 || woke != 0) return woke;
+  }
+}
+
 // An answer "number#result#": false when it does not give both numbers.
 bool ParseAnswer(const char* text, int* seq, int* result) {
   long s, r;
@@ -160,6 +256,7 @@ void OnAnswer(int seq, int result) WD_EXCLUDES(bufMutex) {
         msgFailNum = 0;
         wd_timerStop(timerChkSyslog);
         setBufAllUnsent(commBufList);
+        wd_bufWakeTx();
         tcdbg_printf("Watchdogd, syslog can be sent again, start to send!!\n");
       }
     }
@@ -189,6 +286,7 @@ void OnAnswer(int seq, int result) WD_EXCLUDES(bufMutex) {
                    objNum - pppMsgNum, result, node->obj->msg);
       }
       node->obj->state = WD_LINE_UNSENT;
+      wd_bufWakeTx();
       if (node->obj->category == WD_CATEGORY_PPP) {
         wd_flashTake(commBufList, &copy);
         save = true;
@@ -231,41 +329,56 @@ void wd_connectSyslogNG(void) {
 
 void* wd_bufTxHandler(void*) {
   // This thread takes SIGUSR1 and SIGUSR2 (blocked in all others). A signal
-  // ends the wait early; the request is carried out and the wait goes on for
-  // the rest of the tick, so a signal never makes an extra tick.
+  // ends the wait early; the request is carried out and the wait goes on, so
+  // a signal never makes an extra tick.
   sigset_t relaySignals;
   sigemptyset(&relaySignals);
   sigaddset(&relaySignals, SIGUSR1);
   sigaddset(&relaySignals, SIGUSR2);
   pthread_sigmask(SIG_UNBLOCK, &relaySignals, nullptr);
-  int ticks = 0;
+  int pidWatch = OpenPidWatch();
+  // Ticks come 300 ms apart while there is work. Without work the thread
+  // sleeps until a wake, a change of the pid file or the memory check; woken,
+  // it ticks at the next boundary of the 300 ms schedule it left.
+  int64_t tickBase = wd_monotonicUs() / 1000;
+  int64_t nextTick = tickBase + kTickMs;
+  int64_t nextCheck = tickBase + kMemoryCheckMs;
+  bool busy = true;
   for (;;) {
-    timeval wait = {0, 300000};
-    int ret;
-    while ((ret = select(0, nullptr, nullptr, nullptr, &wait)) < 0 && errno == EINTR) {
-      wd_bufServeSignals();
-    }
+    bufTxIdle = !busy;
+    unsigned woke = Sleep(busy ? std::min(nextTick, nextCheck) : nextCheck, pidWatch);
     // A signal that came before this thread ran was taken when it unblocked
     // the signals, outside the wait: its request is carried out here.
     wd_bufServeSignals();
-    if (ret < 0) {
-      tcdbg_printf("Select error, ret=%d\n", ret);
-    } else if (!rxSocketReady) {
-      tcdbg_printf("Watchdogd, rxSocket NOT READY!, Do not send msg to SNG\n");
-      continue;
-    } else if (msgResend) {
-      ProbeTick();
-    } else if (!dontSend) {
-      NormalTick();
+    int64_t now = wd_monotonicUs() / 1000;
+    if ((woke & kPidChanged) && !busy) NoticeRestart();
+    if (!busy && (woke & (kWoken | kPidChanged)) && HasWork()) {
+      busy = true;
+      nextTick = tickBase + ((now - tickBase + kTickMs - 1) / kTickMs) * kTickMs;
+      if (nextTick > now) continue;
     }
-    if (++ticks >= kMemoryCheckTicks) {
-      ticks = 0;
+    if (busy && now >= nextTick) {
+      if (woke & kWaitFailed) {
+        tcdbg_printf("Select error, ret=%d\n", -1);
+      } else if (!rxSocketReady) {
+        tcdbg_printf("Watchdogd, rxSocket NOT READY!, Do not send msg to SNG\n");
+      } else if (msgResend) {
+        ProbeTick();
+      } else if (!dontSend) {
+        NormalTick();
+      }
+      busy = pidWatch < 0 || bufTxWakeFd < 0 || HasWork();
+      tickBase = wd_monotonicUs() / 1000;
+      nextTick = tickBase + kTickMs;
+    }
+    if (now >= nextCheck) {
       if (checkSyslogngMemory() == 1) {
         // Suspended until a probe, 30 seconds on, is answered by the new one.
         wdLock lock(&bufMutex);
         dontSend = 1;
         wd_bufRearmCheck();
       }
+      nextCheck = wd_monotonicUs() / 1000 + kMemoryCheckMs;
     }
   }
   return nullptr;
@@ -345,6 +458,7 @@ void* wd_bufResendHandler(void*) {
     }
     if (msg.eventType == TX_CHECK_TIMEOUT) {
       msgResend = 1;
+      wd_bufWakeTx();
     } else if (msg.eventType == TX_SAVE_TIMEOUT) {
       wdFlashCopy copy;
       {

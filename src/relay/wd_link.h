@@ -17,6 +17,10 @@ void wd_connectSyslogNG(void);
 void* wd_bufTxHandler(void* arg);
 void* wd_bufRxHandler(void* arg);
 void* wd_bufResendHandler(void* arg);
+// For tests: true while the transmit thread sleeps without work, and the
+// number of times a wake or a change of the pid file ended its sleep.
+extern std::atomic<bool> bufTxIdle;
+extern std::atomic<unsigned> bufTxWakes;
 // Stops the check timer and arms it again (30000 ms, TX_CHECK_TIMEOUT).
 void wd_bufRearmCheck(void) WD_REQUIRES(bufMutex);
 

@@ -2,11 +2,16 @@
 // the three relay threads.
 #include "wd_relay.h"
 
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/eventfd.h>
+#include <sys/select.h>
+#include <unistd.h>
 
+#include "tcapi.h"
 #include "wd_base.h"
 #include "wd_buffer.h"
 #include "wd_chanl.h"
@@ -33,6 +38,16 @@ void wd_bufInit(void) {
     timerChkSyslog = -1;
     timerSaveSyslog = -1;
     sngReload = 0;
+  }
+  bufTxWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (bufTxWakeFd >= FD_SETSIZE) {
+    close(bufTxWakeFd);
+    bufTxWakeFd = -1;
+    errno = EMFILE;
+  }
+  if (bufTxWakeFd < 0) {
+    tcdbg_printf("wd_bufInit: no eventfd (%s), the transmit thread ticks every 300 ms\n",
+                 strerror(errno));
   }
 
   struct sigaction sa;

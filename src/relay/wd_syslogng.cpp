@@ -23,7 +23,7 @@
 
 namespace {
 
-constexpr const char* kPidFile = "/var/run/syslog-ng.pid";
+constexpr const char* kPidFile = WD_SYSLOGNG_PID_DIR "/" WD_SYSLOGNG_PID_NAME;
 constexpr const char* kTemplate = "/etc/syslog-ng.conf";
 constexpr const char* kConfig = "/var/syslog-ng.conf";
 constexpr const char* kStartCmd = "/usr/sbin/syslog-ng -f /var/syslog-ng.conf";

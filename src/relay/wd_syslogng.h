@@ -8,6 +8,10 @@
 
 #include "wd_buffer.h"
 
+// Where syslog-ng writes its pid.
+#define WD_SYSLOGNG_PID_DIR "/var/run"
+#define WD_SYSLOGNG_PID_NAME "syslog-ng.pid"
+
 // 1 when /var/run/syslog-ng.pid names another process than last time. The
 // first process seen is remembered, not taken for a restart. Transmit thread,
 // with bufMutex held.

@@ -7,10 +7,12 @@
 
 #include "gateway.h"
 #include "wd_buffer.h"
+#include "wd_link.h"
 #include "wd_lock.h"
 #include "wd_relay.h"
 #include "wd_syslog.h"
 #include "wd_timer.h"
+#include "wd_wire.h"
 
 using gw::Count;
 using gw::FakeSyslog;
@@ -158,6 +160,65 @@ TEST_F(RelayTest, FailureCountsAndAnswersForWhatIsNotThere) {
   ASSERT_TRUE(gw::SendToChannel("/var/wdSyslogRx.chanl", "2#0#", 4));
   ASSERT_TRUE(gw::SendToChannel("/var/wdSyslogRx.chanl", "3#0#", 4));
   ASSERT_TRUE(Drained());
+}
+
+// The transmit thread sleeps while nothing waits; each of these wakes it. On
+// the real clock (no libfaketime), where its next wake of its own, the memory
+// check, is 30 s away: each case waits 10 s at most.
+class RelayWake : public RelayTest {
+ protected:
+  static void Asleep() {
+    ASSERT_TRUE(gw::WaitUntil([] { return bufTxIdle.load(); }, kWakeMs)) << "asleep without work";
+  }
+  static constexpr int kWakeMs = 10000;
+};
+
+TEST_F(RelayWake, APushWakesItAndTheLineGoesOut) {
+  ASSERT_TRUE(gw::StartSyslogNg());
+  StartRelay();
+  Asleep();
+  std::string line = Report(3, "pushed while asleep");
+  EXPECT_TRUE(gw::WaitFor("/var/log/messages", line + "\n", 1, kWakeMs));
+}
+
+TEST_F(RelayWake, AProbeRequestWakesIt) {
+  FakeSyslog fake("FFF");
+  StartRelay();
+  Report(3, "refused");
+  ASSERT_TRUE(gw::WaitUntil([] { return dontSend.load() == 1; }, kWakeMs));
+  Asleep();  // suspended: nothing to do until a probe is due (30 s)
+  size_t sent = fake.Received().size();
+  wdMsg check = {};
+  check.eventType = TX_CHECK_TIMEOUT;
+  check.destMod = MOD_MSG_RESEND;
+  ASSERT_TRUE(gw::SendToChannel("/var/wd_msg_resend.chanl", &check, sizeof check));
+  EXPECT_TRUE(fake.WaitForCount(sent + 1, kWakeMs)) << "the probe went out";
+}
+
+TEST_F(RelayWake, ANewSyslogNgIsNoticedWhileItSleeps) {
+  ASSERT_TRUE(gw::StartSyslogNg());
+  StartRelay();
+  std::string line = Report(3, "before the restart");
+  ASSERT_TRUE(Drained());
+  Asleep();
+  int old = gw::SyslogNgPid();
+  gw::StopSyslogNg();
+  ASSERT_TRUE(gw::StartSyslogNg(true));
+  EXPECT_TRUE(gw::WaitUntil(
+      [&] { return Count(err_.Text(), "SyslogngRestart. pid:" + std::to_string(old) + " --> ") == 1; },
+      kWakeMs));
+}
+
+TEST_F(RelayWake, AReloadMarkWakesItAndGoesWithTheNextLine) {
+  FakeSyslog fake("S");
+  StartRelay();
+  Asleep();
+  unsigned wakes = bufTxWakes.load();
+  wd_bufSetReload();
+  EXPECT_TRUE(gw::WaitUntil([&] { return bufTxWakes.load() > wakes; }, kWakeMs));
+  std::string line = Report(3, "after the reload");
+  ASSERT_TRUE(fake.WaitForCount(1, kWakeMs));
+  EXPECT_EQ(fake.Received().back(), "520 1#" + line + "#1");
 }
 
 }  // namespace
