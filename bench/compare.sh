@@ -172,7 +172,7 @@ END {
   printf "\n== timer lateness (WD_TIMER_STATS build), ms ==\n"
   printf "%-44s %6s %8s %8s %8s\n", "", "n", "p50", "p99", "max"
   split("idle flood", phases, " "); split("expiry wake", kinds, " ")
-  klabel["expiry"] = "module timer expiry after its due time"; klabel["wake"] = "timer thread wake-up beyond its 100 ms"
+  klabel["expiry"] = "module timer expiry after its due time"; klabel["wake"] = "timer thread wake-up beyond its timeout"
   for (i = 1; i <= 2; i++) for (j = 1; j <= 2; j++) {
     line = tm[phases[i], kinds[j]]
     printf "%-44s %6s %8s %8s %8s\n", klabel[kinds[j]] ", " phases[i], need(kv(line, "n"), "timer"),

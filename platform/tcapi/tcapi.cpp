@@ -137,11 +137,13 @@ bool WriteTree(const std::vector<Node>& tree) {
   }
   // Made anew under the writers' lock, never through a link at its name, and
   // readable by its owner alone: the tree holds the management credentials.
+  // Not synced: this is the running tree, which a gateway keeps in memory;
+  // the rename alone lets no reader see half of it.
   const char* tmp = TCAPI_TREE_PATH ".tmp";
   unlink(tmp);
   int fd = open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) return false;
-  bool ok = WriteAll(fd, text) && fsync(fd) == 0;
+  bool ok = WriteAll(fd, text);
   ok = close(fd) == 0 && ok;
   if (ok && rename(tmp, TCAPI_TREE_PATH) == 0) return true;
   unlink(tmp);
