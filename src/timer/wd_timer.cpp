@@ -229,9 +229,9 @@ int Disarm(timerList* list, int id) WD_EXCLUDES(timerMutex) {
   return 0;
 }
 
-// The time the timer thread may sleep until after the pass at `passUs`: the
-// earliest due time of any timer, INT64_MAX when none is armed. Notes it, so
-// that arming an earlier timer wakes the thread.
+// The time the timer thread may sleep until after a pass that ended at
+// `passUs`: the earliest due time of any timer, INT64_MAX when none is armed.
+// Notes it, so that arming an earlier timer wakes the thread.
 int64_t NextDue(int64_t passUs) WD_EXCLUDES(timerMutex) {
   wdLock lock(&timerMutex);
   int64_t next = INT64_MAX;
@@ -413,6 +413,10 @@ void* wd_timerProc(void*) {
     if (gClock(&now) == 0) {
       clockFailed = false;
       wd_timerPass(&now);
+      // Short periodic timers wait 100 ms from the end of the pass, after
+      // their calls, as the fixed wait after each pass made them.
+      wdTimeVal end;
+      if (gClock(&end) == 0) now = end;
       until = gWakeFd >= 0 ? NextDue(Us(now)) : Us(now) + kPassGapUs;
     } else {
       // Without a time no timer can be judged due; they wait for the clock,

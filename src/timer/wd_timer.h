@@ -48,8 +48,9 @@ extern int tmIdIndex WD_GUARDED_BY(timerMutex);  // the last id given
 void wd_timerInit(void) WD_EXCLUDES(timerMutex);
 // The timer thread's body, for ever: a pass, then a sleep until the earliest
 // due time of any timer (the due time itself, not a 100 ms grid; a periodic
-// timer shorter than 100 ms waits 100 ms after the pass that fired it), or
-// until arming an earlier timer or stopping the one it sleeps for wakes it.
+// timer shorter than 100 ms waits 100 ms after the end of the pass that
+// fired it), or until arming an earlier timer or stopping the one it sleeps
+// for wakes it.
 void* wd_timerProc(void* arg);
 // One pass of the timer thread for the time `now`: due one-shot timers are
 // removed and called in arming order, then due periodic timers are called
