@@ -60,7 +60,8 @@ int64_t wd_kernelMonotonicMs(void) {
       int64_t sec;
       int64_t nsec;
     } ts64;
-    if (syscall(SYS_clock_gettime64, CLOCK_MONOTONIC, &ts64) == 0) return ts64.sec * 1000 + ts64.nsec / 1000000;
+    if (syscall(SYS_clock_gettime64, CLOCK_MONOTONIC, &ts64) == 0)
+      return ts64.sec * 1000 + ts64.nsec / 1000000;
   }
 #endif
 #ifdef SYS_clock_gettime

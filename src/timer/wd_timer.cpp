@@ -172,10 +172,10 @@ int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg
   timerNode* t = NewTimer(&now, id, interval, callback, arg);
   if (t == nullptr) return -1;
 
-  int64_t due = Us(t->expiry);
   bool wake = false;
   {
     wdLock lock(&timerMutex);
+    int64_t due = Us(t->expiry);
     timerListIterator it;
     timerNode* old = nullptr;
     for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
