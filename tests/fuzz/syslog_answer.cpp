@@ -4,9 +4,8 @@
 // suspended; bits 1-2: the probe's number, 0 for none), then datagrams, each
 // a length byte (0-31) and its bytes. After each answer the buffer's links
 // and counters must still agree.
-#include "wd_link.cpp"
-
 #include "fuzz_util.h"
+#include "wd_link.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FreshBuffer();
@@ -34,8 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     at += len;
     if (n == 0) continue;
     answer[n] = '\0';
-    int seq, result;
-    if (ParseAnswer(answer, &seq, &result)) OnAnswer(seq, result);
+    wd_bufTakeAnswer(answer);
     CheckBuffer();
   }
   return 0;
