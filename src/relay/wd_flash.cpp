@@ -120,7 +120,7 @@ void wd_flashTake(wdBufList* list, wdFlashCopy* copy) {
   if (list->tail != nullptr && list->tail->obj != nullptr) copy->tailSeq = list->tail->obj->seqNum;
   char line[WD_LINE_SIZE + 16];
   for (wdBufNode* n = list->head; n != nullptr; n = n->next) {
-    if (n->obj == nullptr) {
+    if (!WD_INVARIANT(n->obj != nullptr)) {
       copy->broken = true;
       break;
     }

@@ -1,6 +1,7 @@
 // The report buffer, its flash copy and the loader, without the relay threads.
 #include "wd_buffer.h"
 
+#include "wd_base.h"
 #include "wd_flash.h"
 #include "wd_syslog.h"
 
@@ -362,6 +363,44 @@ TEST_F(BufferTest, LoaderSurvivesDamagedCopies) {
             std::string::npos);
   wdLock lock(&bufMutex);
   EXPECT_EQ(list_.objNum, 1000);
+}
+
+// The check that debug and sanitizer builds run after every change of the
+// list finds each kind of broken link or counter; a node without an object
+// aborts those builds where it is met, and release builds say so and go on.
+TEST_F(BufferTest, BrokenLinksAndCountersAreFoundAndANullObjectIsLoudWhereChecked) {
+  Push("a", 6);
+  Push("b", 3);
+  Push("c", 3);
+  wdLock lock(&bufMutex);
+  EXPECT_EQ(bufListBroken(&list_), nullptr);
+  wdBufNode* mid = list_.head->next;
+  wdBufNode* last = list_.tail;
+  mid->prev = nullptr;
+  EXPECT_STREQ(bufListBroken(&list_), "a node's previous link does not lead back");
+  mid->prev = list_.head;
+  list_.tail = mid;
+  EXPECT_STREQ(bufListBroken(&list_), "the tail is not the last node");
+  list_.tail = last;
+  list_.objNum = 4;
+  EXPECT_STREQ(bufListBroken(&list_), "fewer nodes than objNum");
+  list_.objNum = 2;
+  EXPECT_STREQ(bufListBroken(&list_), "more nodes than objNum");
+  list_.objNum = 3;
+  pppMsgNum = 2;
+  EXPECT_STREQ(bufListBroken(&list_), "pppMsgNum differs from the ppp lines");
+  pppMsgNum = 1;
+  wdBufMsgObj* obj = mid->obj;
+  mid->obj = nullptr;
+  EXPECT_STREQ(bufListBroken(&list_), "a node without an object");
+#if WD_CHECKED
+  EXPECT_DEATH(setBufAllUnsent(&list_),
+               "invariant broken at .*wd_buffer.cpp:[0-9]+: n->obj != nullptr");
+#else
+  EXPECT_EQ(Said([&] { EXPECT_EQ(setBufAllUnsent(&list_), -1); }),
+            "No object or no message content!\n");
+#endif
+  mid->obj = obj;
 }
 
 }  // namespace
