@@ -103,13 +103,17 @@ int wd_initTimeVal(struct timeval* tv, int seconds) {
   return 0;
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define WD_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define WD_SANITIZED 1
+bool wd_invariantBroken(const char* what, const char* file, int line) {
+#if WD_CHECKED
+  fprintf(stderr, "watchdogd: invariant broken at %s:%d: %s\n", file, line, what);
+  abort();
+#else
+  (void)what;
+  (void)file;
+  (void)line;
+  return false;
 #endif
-#endif
+}
 
 size_t wd_threadStackSize(void) {
 #ifdef WD_SANITIZED

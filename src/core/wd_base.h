@@ -33,6 +33,31 @@ void wd_dbgTrace(const char* func, int line, const char* format, ...)
 // trace form (with the function and line prefix).
 #define WD_CONSOLE(...) wd_dbgTrace(__func__, __LINE__, __VA_ARGS__)
 
+// Sanitizer builds (ASan with UBSan, TSan, the fuzz targets).
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define WD_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define WD_SANITIZED 1
+#endif
+#endif
+
+// 1 in debug and sanitizer builds, where a broken invariant aborts; 0 in
+// release builds (NDEBUG), where it is handled as before and the daemon goes
+// on. Checks that cost a walk of a whole structure run only when it is 1.
+#if !defined(NDEBUG) || defined(WD_SANITIZED)
+#define WD_CHECKED 1
+#else
+#define WD_CHECKED 0
+#endif
+
+// An invariant that only a bug can break. True when `cond` holds; when it
+// does not, aborts in checked builds with the condition and where it was
+// checked on standard error, and is false in release builds, for the caller
+// to go on as it always has.
+#define WD_INVARIANT(cond) ((cond) || wd_invariantBroken(#cond, __FILE__, __LINE__))
+bool wd_invariantBroken(const char* what, const char* file, int line);
+
 // The real-time clock as 64-bit seconds and microseconds. Right past 2038
 // also where time_t has 32 bits: the 64-bit clock call of the kernel is used
 // there when it has one, else the 32-bit seconds are read as unsigned (good

@@ -14,6 +14,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -254,15 +255,35 @@ void wd_chanlClose(wdChanl* ch) {
   ch->fd = -1;
 }
 
-wdWaitResult wd_chanlWait(const wdChanl* ch, int* selectResult) {
-  fd_set ready;
-  FD_ZERO(&ready);
-  FD_SET(ch->fd, &ready);
-  int ret = select(maxNumFd + 1, &ready, nullptr, nullptr, nullptr);
-  *selectResult = ret;
-  if (ret == -1) return WD_WAIT_ERROR;
-  if (ret == 0) return WD_WAIT_TIMEOUT;
-  return FD_ISSET(ch->fd, &ready) ? WD_WAIT_READY : WD_WAIT_NOT_SET;
+void wd_waitDispatch(int fd, size_t size, wdDispatchFn fn, void* ctx) {
+  for (;;) {
+    wdDispatch d = {WD_DISPATCH_DATAGRAM, 0, nullptr, 0};
+    fd_set ready;
+    FD_ZERO(&ready);
+    FD_SET(fd, &ready);
+    d.waitResult = select(fd + 1, &ready, nullptr, nullptr, nullptr);
+    void* buf = nullptr;
+    if (d.waitResult == -1) {
+      d.what = WD_DISPATCH_WAIT_ERROR;
+    } else if (d.waitResult == 0) {
+      d.what = WD_DISPATCH_WAIT_TIMEOUT;
+    } else if (!FD_ISSET(fd, &ready)) {
+      d.what = WD_DISPATCH_NOT_SET;
+    } else if ((buf = calloc(1, size + 1)) == nullptr) {
+      d.what = WD_DISPATCH_NO_MEMORY;
+    } else {
+      ssize_t n = recv(fd, buf, size, 0);
+      if (n > 0) {
+        d.data = buf;
+        d.len = static_cast<size_t>(n);
+      } else {
+        d.what = n == 0 ? WD_DISPATCH_EMPTY : WD_DISPATCH_RECV_FAILED;
+      }
+    }
+    bool goOn = fn(d, ctx);
+    free(buf);
+    if (!goOn) return;
+  }
 }
 
 int wd_simpleSendMsg(int eventType, int srcMod, int destMod, const void* data, unsigned len) {

@@ -71,11 +71,30 @@ int wd_chanlOpen(int modId, wdChanl* ch) WD_EXCLUDES(gChanlLock);
 // module has replaced is left to that thread.
 void wd_chanlClose(wdChanl* ch) WD_EXCLUDES(gChanlLock);
 
-enum wdWaitResult { WD_WAIT_READY, WD_WAIT_ERROR, WD_WAIT_TIMEOUT, WD_WAIT_NOT_SET };
-// Waits without time limit until `ch` is readable: select over maxNumFd + 1
-// descriptors on a set that holds the channel alone. `*selectResult` gets
-// select's result.
-wdWaitResult wd_chanlWait(const wdChanl* ch, int* selectResult);
+// One loop that waits on one descriptor and hands what comes to a callback:
+// the module threads and the relay's receive and resend threads all run on it.
+enum wdDispatchCase {
+  WD_DISPATCH_DATAGRAM,      // `data` holds `len` (> 0) received bytes
+  WD_DISPATCH_EMPTY,         // an empty datagram was received
+  WD_DISPATCH_RECV_FAILED,   // the receive failed (errno tells why)
+  WD_DISPATCH_NO_MEMORY,     // no buffer: the datagram stays queued
+  WD_DISPATCH_WAIT_ERROR,    // the wait failed; `waitResult` is select's -1
+  WD_DISPATCH_WAIT_TIMEOUT,  // select returned 0 (it has no time limit)
+  WD_DISPATCH_NOT_SET,       // the wait ended without the descriptor ready
+};
+struct wdDispatch {
+  wdDispatchCase what;
+  int waitResult;  // select's result
+  void* data;      // the datagram, followed by a 0 byte; null unless DATAGRAM
+  size_t len;
+};
+// Answers true to go on waiting, false to end the loop.
+typedef bool (*wdDispatchFn)(const wdDispatch& d, void* ctx);
+// Waits without time limit until `fd` is readable (select on a set that holds
+// `fd` alone), receives one datagram of at most `size` bytes into a fresh
+// zeroed buffer and hands it, or what else ended the wait, to `fn`. The
+// buffer is released when `fn` returns. Returns when `fn` answers false.
+void wd_waitDispatch(int fd, size_t size, wdDispatchFn fn, void* ctx);
 
 // Fills `addr` with the channel address of module `modId`.
 void wd_chanlAddr(int modId, sockaddr_un* addr);

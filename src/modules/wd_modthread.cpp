@@ -235,39 +235,41 @@ void wd_pppthreadExit(uint8_t modId, int timerId, wdChanl* ch) {
 
 void wd_modLoop(const wdChanl* ch, const wdModLoopText& text,
                 wdLoopAction (*onMsg)(wdMsg* msg, void* ctx), void* ctx) {
-  auto say = [&text](int line, const wdLoopMsg& m, int value) {
-    if (m.text == nullptr) return;
-    if (m.how == WD_SAY_CONSOLE) tcdbg_printf(m.text, value);
-    if (m.how == WD_SAY_TRACE && debuglevel > 0) wd_dbgTrace(text.handlerName, line, m.text, value);
-  };
-  for (;;) {
-    int ret;
-    switch (wd_chanlWait(ch, &ret)) {
-      case WD_WAIT_ERROR:
-        say(__LINE__, text.selectError, ret);
-        continue;
-      case WD_WAIT_TIMEOUT:
-        say(__LINE__, text.selectTimeout, 0);
-        continue;
-      case WD_WAIT_NOT_SET:
-        say(__LINE__, text.noFdInSet, 0);
-        continue;
-      case WD_WAIT_READY:
+  struct Loop {
+    const wdModLoopText& text;
+    wdLoopAction (*onMsg)(wdMsg* msg, void* ctx);
+    void* ctx;
+  } loop = {text, onMsg, ctx};
+  auto dispatch = [](const wdDispatch& d, void* arg) {
+    const Loop& l = *static_cast<Loop*>(arg);
+    auto say = [&l](int line, const wdLoopMsg& m, int value) {
+      if (m.text == nullptr) return;
+      if (m.how == WD_SAY_CONSOLE) tcdbg_printf(m.text, value);
+      if (m.how == WD_SAY_TRACE && debuglevel > 0)
+        wd_dbgTrace(l.text.handlerName, line, m.text, value);
+    };
+    switch (d.what) {
+      case WD_DISPATCH_WAIT_ERROR:
+        say(__LINE__, l.text.selectError, d.waitResult);
         break;
+      case WD_DISPATCH_WAIT_TIMEOUT:
+        say(__LINE__, l.text.selectTimeout, 0);
+        break;
+      case WD_DISPATCH_NOT_SET:
+        say(__LINE__, l.text.noFdInSet, 0);
+        break;
+      case WD_DISPATCH_NO_MEMORY:
+        say(__LINE__, l.text.mallocFail, 0);
+        break;
+      case WD_DISPATCH_EMPTY:
+        say(__LINE__, l.text.zeroBytes, 0);
+        break;
+      case WD_DISPATCH_RECV_FAILED:
+        break;
+      case WD_DISPATCH_DATAGRAM:
+        return l.onMsg(static_cast<wdMsg*>(d.data), l.ctx) != WD_LOOP_EXIT;
     }
-    wdMsg* msg = static_cast<wdMsg*>(calloc(1, WD_MSG_SIZE));
-    if (msg == nullptr) {
-      say(__LINE__, text.mallocFail, 0);
-      continue;
-    }
-    ssize_t n = recv(ch->fd, msg, WD_MSG_SIZE, 0);
-    wdLoopAction action = WD_LOOP_CONTINUE;
-    if (n == 0) {
-      say(__LINE__, text.zeroBytes, 0);
-    } else if (n > 0) {
-      action = onMsg(msg, ctx);
-    }
-    free(msg);
-    if (action == WD_LOOP_EXIT) return;
-  }
+    return true;
+  };
+  wd_waitDispatch(ch->fd, WD_MSG_SIZE, dispatch, &loop);
 }

@@ -4,6 +4,11 @@
 // own order, so that they go out first; two or more of them waiting, or a
 // refused line of another category, ask for the list to be written to flash,
 // which the caller does once it has released bufMutex (wd_flash).
+//
+// A node without an object can only come from a bug: debug and sanitizer
+// builds abort where one is met, release builds say so on the console as they
+// always have and go on. Those builds also check the whole list after every
+// change (CheckList).
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,7 +53,35 @@ wdBufNode* NewNode(wdBufList* list, wdBufMsgObj* obj) WD_REQUIRES(bufMutex) {
   return node;
 }
 
+// In checked builds: the list's links and counters still agree.
+void CheckList(wdBufList* list) WD_REQUIRES(bufMutex) {
+#if WD_CHECKED
+  const char* broken = bufListBroken(list);
+  if (broken != nullptr) wd_invariantBroken(broken, __FILE__, __LINE__);
+#else
+  (void)list;
+#endif
+}
+
 }  // namespace
+
+const char* bufListBroken(wdBufList* list) {
+  if (list->objNum < 0) return "objNum is negative";
+  if (list->head != nullptr && list->head->prev != nullptr) return "the head has a previous node";
+  int count = 0, ppp = 0;
+  const wdBufNode* prev = nullptr;
+  for (const wdBufNode* n = list->head; n != nullptr; prev = n, n = n->next) {
+    if (++count > list->objNum) return "more nodes than objNum";
+    if (n->prev != prev) return "a node's previous link does not lead back";
+    if (n->bufNum != list->bufNum) return "a node of another list";
+    if (n->obj == nullptr) return "a node without an object";
+    ppp += n->obj->category == WD_CATEGORY_PPP;
+  }
+  if (list->tail != prev) return "the tail is not the last node";
+  if (count != list->objNum) return "fewer nodes than objNum";
+  if (list == commBufList && ppp != pppMsgNum) return "pppMsgNum differs from the ppp lines";
+  return nullptr;
+}
 
 int bufListInit(wdBufList* list) {
   if (list == nullptr) return -1;
@@ -56,6 +89,7 @@ int bufListInit(wdBufList* list) {
   list->tail = nullptr;
   list->objNum = 0;
   list->bufNum = ++maxBufNum;
+  CheckList(list);
   return 0;
 }
 
@@ -88,6 +122,7 @@ int bufNodeAddTail(wdBufList* list, wdBufMsgObj* obj, int waiveLimit, int* saveW
   list->objNum++;
   bufChanges++;
   if (IsPpp(node)) pppMsgNum++;
+  CheckList(list);
   return 0;
 }
 
@@ -117,6 +152,7 @@ int bufNodeAddPPP(wdBufList* list, wdBufMsgObj* obj, int* saveWanted) {
   list->objNum++;
   bufChanges++;
   if (pppMsgNum >= 2 && saveWanted != nullptr) *saveWanted = 1;
+  CheckList(list);
   return 0;
 }
 
@@ -161,13 +197,14 @@ int bufNodeDel(wdBufList* list, wdBufNode* node, int* removeWanted) {
     buffSaved = 0;
     if (removeWanted != nullptr) *removeWanted = 1;
   }
+  CheckList(list);
   return 0;
 }
 
 int setBufAllUnsent(wdBufList* list) {
   if (list == nullptr || list->head == nullptr) return -1;
   for (wdBufNode* n = list->head; n != nullptr; n = n->next) {
-    if (n->obj == nullptr) {
+    if (!WD_INVARIANT(n->obj != nullptr)) {
       tcdbg_printf("No object or no message content!\n");
       return -1;
     }
@@ -185,7 +222,7 @@ int printBufAll(wdBufList* list) {
   WD_CONSOLE("\nStart to print buffer content(%d:%d,%d)HEAD->\n", list->objNum, pppMsgNum,
              list->objNum - pppMsgNum);
   for (wdBufNode* n = list->head; n != nullptr; n = n->next) {
-    if (n->obj == nullptr) {
+    if (!WD_INVARIANT(n->obj != nullptr)) {
       WD_CONSOLE("No object or no message content!\n");
       return -1;
     }

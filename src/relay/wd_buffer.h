@@ -120,6 +120,12 @@ wdBufNode* bufNodeSearchUnsent1st(wdBufList* list) WD_REQUIRES(bufMutex);
 // be removed. 0, or -1 (null or empty list, null node, node of another list).
 int bufNodeDel(wdBufList* list, wdBufNode* node, int* removeWanted) WD_REQUIRES(bufMutex);
 int setBufAllUnsent(wdBufList* list) WD_REQUIRES(bufMutex);
+// What is wrong with the list's links and counters (its ends, every node's
+// links both ways, its objects, objNum, and pppMsgNum for commBufList), or
+// null when they agree. Walks the whole list: debug and sanitizer builds run
+// it after every change of a list and abort when it finds a fault (WD_CHECKED);
+// release builds never run it.
+const char* bufListBroken(wdBufList* list) WD_REQUIRES(bufMutex);
 int printBufAll(wdBufList* list) WD_REQUIRES(bufMutex);
 
 #endif  // WATCHDOGD_RELAY_WD_BUFFER_H

@@ -35,6 +35,31 @@ uint64_t gDone WD_GUARDED_BY(gFlashMutex) = 0;
 // The last one was a save: the file holds copy gDone.
 bool gOnFlash WD_GUARDED_BY(gFlashMutex) = false;
 
+// The real file system.
+class RealFs : public wdFlashFs {
+ public:
+  int CreateFresh(const char* path) override { return wd_createFresh(path); }
+  ssize_t Write(int fd, const void* buf, size_t len) override { return write(fd, buf, len); }
+  int Sync(int fd) override { return fsync(fd); }
+  int Close(int fd) override { return close(fd); }
+  int Rename(const char* from, const char* to) override { return rename(from, to); }
+  int Unlink(const char* path) override { return unlink(path); }
+  void SyncDir(const char* dir) override {
+    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+  }
+  FILE* OpenRead(const char* path) override { return fopen(path, "re"); }
+  int RemoveRestored(const char* path) override {
+    const char* rm[] = {"rm", path, nullptr};
+    return wd_run(rm, kRemoveSeconds);
+  }
+};
+
+RealFs gRealFs;
+wdFlashFs* gFs = &gRealFs;
+
 // The three numbers of a header "%d#%d#%d"; missing ones stay 0.
 void ParseHeader(const char* text, long numbers[3]) {
   numbers[0] = numbers[1] = numbers[2] = 0;
@@ -47,7 +72,7 @@ void ParseHeader(const char* text, long numbers[3]) {
 // Whether the header on flash shows the copy's count and last line, with the
 // messages of the check.
 bool HeaderMatches(const wdFlashCopy* copy) {
-  FILE* f = fopen(WD_FLASH_FILE, "re");
+  FILE* f = gFs->OpenRead(WD_FLASH_FILE);
   if (f == nullptr) {
     tcdbg_printf("could not open %s, file does not exist\n", WD_FLASH_FILE);
     return false;
@@ -73,22 +98,16 @@ bool HeaderMatches(const wdFlashCopy* copy) {
 bool WriteAll(int fd, const std::string& text) {
   size_t done = 0;
   while (done < text.size()) {
-    ssize_t w = write(fd, text.data() + done, text.size() - done);
+    ssize_t w = gFs->Write(fd, text.data() + done, text.size() - done);
     if (w <= 0) return false;
     done += static_cast<size_t>(w);
   }
   return true;
 }
 
-// Makes a rename or removal in the flash directory durable.
-void SyncDir() {
-  int fd = open(kFlashDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  fsync(fd);
-  close(fd);
-}
-
 }  // namespace
+
+void wd_flashUseFs(wdFlashFs* fs) { gFs = fs != nullptr ? fs : &gRealFs; }
 
 void wd_flashTake(wdBufList* list, wdFlashCopy* copy) {
   copy->objNum = list != nullptr && list->head != nullptr ? list->objNum : 0;
@@ -101,7 +120,7 @@ void wd_flashTake(wdBufList* list, wdFlashCopy* copy) {
   if (list->tail != nullptr && list->tail->obj != nullptr) copy->tailSeq = list->tail->obj->seqNum;
   char line[WD_LINE_SIZE + 16];
   for (wdBufNode* n = list->head; n != nullptr; n = n->next) {
-    if (n->obj == nullptr) {
+    if (!WD_INVARIANT(n->obj != nullptr)) {
       copy->broken = true;
       break;
     }
@@ -123,7 +142,7 @@ int saveMsgToFlash(const wdFlashCopy* copy) {
     tcdbg_printf("not need to update flash\n");
     return 0;
   }
-  int fd = wd_createFresh(kFlashTmp);
+  int fd = gFs->CreateFresh(kFlashTmp);
   if (fd < 0) {
     tcdbg_printf("could not open %s, file does not exist", WD_FLASH_FILE);
     return -1;
@@ -134,19 +153,19 @@ int saveMsgToFlash(const wdFlashCopy* copy) {
   bool ok = WriteAll(fd, header) && WriteAll(fd, copy->body);
   if (copy->broken) {
     tcdbg_printf("No object or no message content!\n");
-    close(fd);
-    unlink(kFlashTmp);
+    gFs->Close(fd);
+    gFs->Unlink(kFlashTmp);
     return -1;
   }
-  ok = fsync(fd) == 0 && ok;
-  ok = close(fd) == 0 && ok;
-  if (!ok || rename(kFlashTmp, WD_FLASH_FILE) != 0) {
+  ok = gFs->Sync(fd) == 0 && ok;
+  ok = gFs->Close(fd) == 0 && ok;
+  if (!ok || gFs->Rename(kFlashTmp, WD_FLASH_FILE) != 0) {
     // The old copy stays as it was; nothing half written replaces it.
     tcdbg_printf("could not write %s, the flash copy is unchanged\n", WD_FLASH_FILE);
-    unlink(kFlashTmp);
+    gFs->Unlink(kFlashTmp);
     return -1;
   }
-  SyncDir();
+  gFs->SyncDir(kFlashDir);
   gDone = copy->changes;
   gOnFlash = true;
   tcdbg_printf("Save buffer content to flash success\n");
@@ -156,15 +175,15 @@ int saveMsgToFlash(const wdFlashCopy* copy) {
 void wd_flashRemove(uint64_t changes) {
   wdLock lock(&gFlashMutex);
   if (changes < gDone) return;  // a copy taken after the buffer emptied is there
-  unlink(WD_FLASH_FILE);
-  SyncDir();
+  gFs->Unlink(WD_FLASH_FILE);
+  gFs->SyncDir(kFlashDir);
   gDone = changes;
   gOnFlash = false;
 }
 
 int loadMsgToWDBuf(int (*push)(const char* line, uint32_t category)) {
   tcdbg_printf("In loadMsgToWDBuf() func\n");
-  FILE* f = fopen(WD_FLASH_FILE, "re");
+  FILE* f = gFs->OpenRead(WD_FLASH_FILE);
   if (f == nullptr) {
     tcdbg_printf("could not open %s, file does not exist\n", WD_FLASH_FILE);
   } else {
@@ -204,6 +223,5 @@ int loadMsgToWDBuf(int (*push)(const char* line, uint32_t category)) {
     free(line);
     fclose(f);
   }
-  const char* rm[] = {"rm", WD_FLASH_FILE, nullptr};
-  return wd_run(rm, kRemoveSeconds);
+  return gFs->RemoveRestored(WD_FLASH_FILE);
 }

@@ -12,10 +12,39 @@
 #define WATCHDOGD_RELAY_WD_FLASH_H
 
 #include <stdint.h>
+#include <stdio.h>
+#include <sys/types.h>
 
 #include <string>
 
 #include "wd_buffer.h"
+
+// The file operations of the flash copy, so that tests can put a file system
+// of their own under it (one that fails or loses power at a chosen step).
+// Results and errno as the system calls of the same names give them.
+class wdFlashFs {
+ public:
+  virtual ~wdFlashFs() = default;
+  // A new file at `path`, opened for writing; whatever stood there is
+  // removed first and never followed (wd_createFresh). A descriptor, or -1.
+  virtual int CreateFresh(const char* path) = 0;
+  virtual ssize_t Write(int fd, const void* buf, size_t len) = 0;
+  virtual int Sync(int fd) = 0;
+  virtual int Close(int fd) = 0;
+  virtual int Rename(const char* from, const char* to) = 0;
+  virtual int Unlink(const char* path) = 0;
+  // Makes renames and removals in directory `dir` durable.
+  virtual void SyncDir(const char* dir) = 0;
+  // The file opened for reading (fclose it), or null.
+  virtual FILE* OpenRead(const char* path) = 0;
+  // Removes the restored copy; on the real file system with "rm", as the
+  // loader always has. The command's result.
+  virtual int RemoveRestored(const char* path) = 0;
+};
+
+// The file system under the flash copy: the real one until a test installs
+// another (null puts the real one back). Set only while no save runs.
+void wd_flashUseFs(wdFlashFs* fs);
 
 typedef struct wdFlashCopy {
   int32_t objNum;

@@ -308,7 +308,67 @@ void OnAnswer(int seq, int result) WD_EXCLUDES(bufMutex) {
   tcdbg_printf("Watchdogd, message to syslog-ng  fail times too much, stop to send!\n");
 }
 
+// What ended the wait of the receive and resend threads, when it was not a
+// datagram: said on the console as those threads always have.
+bool SayWait(const wdDispatch& d, bool sayNotSet) {
+  switch (d.what) {
+    case WD_DISPATCH_WAIT_ERROR:
+      tcdbg_printf("Select error, ret=%d\n", d.waitResult);
+      break;
+    case WD_DISPATCH_WAIT_TIMEOUT:
+      tcdbg_printf("Select timeout!\n");
+      break;
+    case WD_DISPATCH_NOT_SET:
+      if (sayNotSet) tcdbg_printf("File discriptor is no in fd set!\n");
+      break;
+    case WD_DISPATCH_EMPTY:
+      tcdbg_printf("Receieved 0 bytes!\n");
+      break;
+    default:
+      break;
+  }
+  return true;
+}
+
+// One answer datagram from syslog-ng. Receive thread.
+bool OnAnswerDatagram(const wdDispatch& d, void*) {
+  if (d.what != WD_DISPATCH_DATAGRAM) return SayWait(d, true);
+  wd_bufTakeAnswer(static_cast<const char*>(d.data));
+  return true;
+}
+
+// One timer event of the relay. Resend thread.
+bool OnResendEvent(const wdDispatch& d, void*) {
+  if (d.what != WD_DISPATCH_DATAGRAM) return SayWait(d, false);
+  const wdMsg& msg = *static_cast<const wdMsg*>(d.data);
+  if (msg.datalen != 0) {
+    tcdbg_printf("MOD_MSG_RESEND Received wdMsg, dst#%d#, data#%.*s#\n", msg.destMod,
+                 WD_MSG_DATA_SIZE, msg.data);
+  } else {
+    tcdbg_printf("MOD_MSG_RESEND Received wdMsg, dst#%d#, type#%d#\n", msg.destMod, msg.eventType);
+  }
+  if (msg.eventType == TX_CHECK_TIMEOUT) {
+    msgResend = 1;
+    wd_bufWakeTx();
+  } else if (msg.eventType == TX_SAVE_TIMEOUT) {
+    wdFlashCopy copy;
+    {
+      wdLock lock(&bufMutex);
+      wd_flashTake(commBufList, &copy);
+    }
+    if (saveMsgToFlash(&copy) == -1) tcdbg_printf("Error: Not able to save syslogs to flash!\n");
+  }
+  return true;
+}
+
 }  // namespace
+
+bool wd_bufTakeAnswer(const char* answer) {
+  int seq, result;
+  if (!ParseAnswer(answer, &seq, &result)) return false;
+  OnAnswer(seq, result);
+  return true;
+}
 
 void wd_bufRearmCheck(void) { Rearm(&timerChkSyslog, kCheckMs, TX_CHECK_TIMEOUT); }
 
@@ -394,35 +454,8 @@ void* wd_bufRxHandler(void*) {
   if (bind(fdFromSyslog, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     tcdbg_printf("Port is currently being used by some other application \n");
   }
-  for (;;) {
-    if (!rxSocketReady) rxSocketReady = 1;
-    fd_set ready;
-    FD_ZERO(&ready);
-    FD_SET(fdFromSyslog, &ready);
-    int ret = select(fdFromSyslog + 1, &ready, nullptr, nullptr, nullptr);
-    if (ret == -1) {
-      tcdbg_printf("Select error, ret=%d\n", ret);
-      continue;
-    }
-    if (ret == 0) {
-      tcdbg_printf("Select timeout!\n");
-      continue;
-    }
-    if (!FD_ISSET(fdFromSyslog, &ready)) {
-      tcdbg_printf("File discriptor is no in fd set!\n");
-      continue;
-    }
-    char answer[WD_ANSWER_SIZE + 1];
-    ssize_t n = recv(fdFromSyslog, answer, WD_ANSWER_SIZE, 0);
-    if (n == 0) {
-      tcdbg_printf("Receieved 0 bytes!\n");
-      continue;
-    }
-    if (n < 0) continue;
-    answer[n] = '\0';
-    int seq, result;
-    if (ParseAnswer(answer, &seq, &result)) OnAnswer(seq, result);
-  }
+  rxSocketReady = 1;
+  wd_waitDispatch(fdFromSyslog, WD_ANSWER_SIZE, OnAnswerDatagram, nullptr);
   return nullptr;
 }
 
@@ -430,43 +463,6 @@ void* wd_bufResendHandler(void*) {
   // Without this channel the relay's timers could not reach it: keep trying.
   wdChanl ch;
   while (wd_chanlOpen(MOD_MSG_RESEND, &ch) < 0) sleep(1);
-  wdMsg msg;
-  for (;;) {
-    int ret;
-    switch (wd_chanlWait(&ch, &ret)) {
-      case WD_WAIT_ERROR:
-        tcdbg_printf("Select error, ret=%d\n", ret);
-        continue;
-      case WD_WAIT_TIMEOUT:
-        tcdbg_printf("Select timeout!\n");
-        continue;
-      case WD_WAIT_NOT_SET:
-        continue;
-      case WD_WAIT_READY:
-        break;
-    }
-    memset(&msg, 0, sizeof msg);
-    ssize_t n = recv(ch.fd, &msg, sizeof msg, 0);
-    if (n == 0) tcdbg_printf("Receieved 0 bytes!\n");
-    if (n <= 0) continue;
-    if (msg.datalen != 0) {
-      tcdbg_printf("MOD_MSG_RESEND Received wdMsg, dst#%d#, data#%.*s#\n", msg.destMod,
-                   WD_MSG_DATA_SIZE, msg.data);
-    } else {
-      tcdbg_printf("MOD_MSG_RESEND Received wdMsg, dst#%d#, type#%d#\n", msg.destMod,
-                   msg.eventType);
-    }
-    if (msg.eventType == TX_CHECK_TIMEOUT) {
-      msgResend = 1;
-      wd_bufWakeTx();
-    } else if (msg.eventType == TX_SAVE_TIMEOUT) {
-      wdFlashCopy copy;
-      {
-        wdLock lock(&bufMutex);
-        wd_flashTake(commBufList, &copy);
-      }
-      if (saveMsgToFlash(&copy) == -1) tcdbg_printf("Error: Not able to save syslogs to flash!\n");
-    }
-  }
+  wd_waitDispatch(ch.fd, WD_MSG_SIZE, OnResendEvent, nullptr);
   return nullptr;
 }

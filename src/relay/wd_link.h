@@ -21,6 +21,10 @@ void* wd_bufResendHandler(void* arg);
 // number of times a wake or a change of the pid file ended its sleep.
 extern std::atomic<bool> bufTxIdle;
 extern std::atomic<unsigned> bufTxWakes;
+// Acts on one answer from syslog-ng, "number#result#" (a datagram of at most
+// 16 bytes, 0-terminated), as the receive thread does. False, and nothing
+// done, when the answer does not give both numbers.
+bool wd_bufTakeAnswer(const char* answer) WD_EXCLUDES(bufMutex);
 // Stops the check timer and arms it again (30000 ms, TX_CHECK_TIMEOUT).
 void wd_bufRearmCheck(void) WD_REQUIRES(bufMutex);
 

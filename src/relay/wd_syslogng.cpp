@@ -50,15 +50,14 @@ std::atomic<int> gToggleRequests{0};
 std::atomic<int> gDumpRequests{0};
 int gAnnouncedDebug = 0;  // g_idebug as last announced (transmit thread)
 
-// The process id at the start of a pid file's text; 0 when there is none.
-int LeadingPid(const char* text) {
+}  // namespace
+
+int wd_sngLeadingPid(const char* text) {
   long pid = 0;
   return wd_parseLong(&text, 1, INT_MAX, &pid) ? static_cast<int>(pid) : 0;
 }
 
-// The process id and memory column of one line of the listing "PID USER VSZ
-// STAT ..."; false for a line that does not give the four fields.
-bool MemoryOfLine(const char* line, long* pid, unsigned long* memory) {
+bool wd_sngMemoryOfLine(const char* line, long* pid, unsigned long* memory) {
   const char* blanks = " \t\r\n\v\f";
   long mem;
   if (!wd_parseLong(&line, INT_MIN, INT_MAX, pid)) return false;
@@ -72,6 +71,8 @@ bool MemoryOfLine(const char* line, long* pid, unsigned long* memory) {
   *memory = static_cast<unsigned long>(mem);
   return true;
 }
+
+namespace {
 
 // Whether process `pid` runs as the daemon's own user (its real user id), as
 // the syslog-ng the daemon starts does: any other user's program may give
@@ -175,7 +176,7 @@ int SyslogngRestart(void) {
     tcdbg_printf("SyslogngRestart. fail to open /var/run/syslog-ng.pid\n");
     return 0;
   }
-  int pid = LeadingPid(text);
+  int pid = wd_sngLeadingPid(text);
   if (gSyslogngPid == 0) {
     gSyslogngPid = pid;
     return 0;
@@ -192,7 +193,7 @@ void kill_process(const char* pidFile, const char* name) {
   if (text[0] == '\0') return;
   // 0 or nothing numeric would signal a whole process group or every process;
   // a stale file may name a process that is not the one it was written for.
-  int pid = LeadingPid(text);
+  int pid = wd_sngLeadingPid(text);
   char path[32], comm[32];
   snprintf(path, sizeof path, "/proc/%d/comm", pid);
   fileRead(path, comm, sizeof comm);
@@ -218,7 +219,7 @@ int checkSyslogngMemory(void) {
   while (getline(&line, &cap, f) != -1) {
     long pid;
     unsigned long memory;
-    if (!MemoryOfLine(line, &pid, &memory) || !RunsAsUs(pid)) continue;
+    if (!wd_sngMemoryOfLine(line, &pid, &memory) || !RunsAsUs(pid)) continue;
     any = true;
     if (memory > largest) largest = memory;
   }

@@ -30,6 +30,13 @@ void kill_process(const char* pidFile, const char* name);
 // Clears `size` bytes of `buf` and reads at most size - 1 bytes of the file.
 void fileRead(const char* path, char* buf, int size);
 
+// The process id at the start of a pid file's text; 0 when there is none.
+int wd_sngLeadingPid(const char* text);
+// The process id and memory column of one line of the gateway's ps listing
+// "PID USER VSZ STAT ..."; false for a line that does not give the four
+// fields.
+bool wd_sngMemoryOfLine(const char* line, long* pid, unsigned long* memory);
+
 // Signal handlers (SIGUSR1: the relay's trace switch g_idebug; SIGUSR2: dump
 // of the buffer). They only note the request; wd_bufServeSignals carries it
 // out (the transmit thread, at its next wake-up).

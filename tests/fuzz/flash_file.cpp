@@ -15,8 +15,7 @@ typedef std::vector<std::pair<std::string, uint32_t>> Restored;
 
 Restored Restore() {
   FreshBuffer();
-  loadMsgToWDBuf(wd_syslogPush);
-  CheckBuffer();
+  loadMsgToWDBuf(wd_syslogPush);  // the buffer checks itself as lines come
   Restored lines;
   wdLock lock(&bufMutex);
   for (wdBufNode* n = commBufList->head; n != nullptr; n = n->next)

@@ -60,20 +60,6 @@ inline void FreshBuffer() {
   UseEmptyBuffer(&list);
 }
 
-// The buffer's links and counters agree with its nodes.
-inline void CheckBuffer() {
-  wdLock lock(&bufMutex);
-  int count = 0, ppp = 0;
-  wdBufNode* prev = nullptr;
-  for (wdBufNode* n = commBufList->head; n != nullptr; prev = n, n = n->next) {
-    FUZZ_CHECK(n->prev == prev && n->obj != nullptr);
-    ++count;
-    ppp += n->obj->category == WD_CATEGORY_PPP;
-  }
-  FUZZ_CHECK(commBufList->tail == prev);
-  FUZZ_CHECK(commBufList->objNum == count && pppMsgNum == ppp);
-}
-
 // The report lines in the buffer, head first; each is checked to be one
 // line of at most 511 characters.
 inline std::vector<std::string> BufferLines() {

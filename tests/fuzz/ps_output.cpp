@@ -2,10 +2,9 @@
 // periodic process status (which watched programs run) and the syslog-ng
 // memory check (the VSZ column of syslog-ng's lines). The first 8 bytes are
 // also read as syslog-ng's pid file.
-#include "wd_syslogng.cpp"
-
 #include "fuzz_util.h"
 #include "wd_status.h"
+#include "wd_syslogng.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string text(reinterpret_cast<const char*>(data), size);
@@ -21,12 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t cap = 0;
   long pid;
   unsigned long memory;
-  while (getline(&line, &cap, f) != -1) MemoryOfLine(line, &pid, &memory);
+  while (getline(&line, &cap, f) != -1) wd_sngMemoryOfLine(line, &pid, &memory);
   free(line);
   fclose(f);
 
   char pidFile[9] = {0};
   memcpy(pidFile, data, size < 8 ? size : 8);
-  LeadingPid(pidFile);
+  FUZZ_CHECK(wd_sngLeadingPid(pidFile) >= 0);
   return 0;
 }

@@ -1,16 +1,114 @@
 // The report buffer, its flash copy and the loader, without the relay threads.
 #include "wd_buffer.h"
 
+#include "wd_base.h"
 #include "wd_flash.h"
 #include "wd_syslog.h"
+
+#include <map>
+#include <memory>
 
 #include "unit_util.h"
 
 namespace {
 
+// A file system in memory that keeps, across a power cut, only what was
+// synced: a file's data up to its last fsync, names up to the last sync of
+// the directory. Operations are counted from 1; operation `faultAt` fails
+// with `faultErrno`, or, with `powerCut`, it and all that follow fail and
+// change nothing, as when the power went at that point. Writes take at most
+// `maxWrite` bytes, and fail with ENOSPC once `room` bytes have been written.
+class FaultyFs : public wdFlashFs {
+ public:
+  struct File {
+    std::string data, synced;
+  };
+  typedef std::map<std::string, std::shared_ptr<File>> Names;
+
+  // A file that is already on flash, synced.
+  void Put(const char* path, const std::string& text) {
+    names[path] = std::make_shared<File>(File{text, text});
+    durable = names;
+  }
+  // What is left after the power went: synced data under synced names.
+  void CutPower() {
+    names = durable;
+    for (auto& n : names) n.second->data = n.second->synced;
+    open_.clear();
+    faultAt = 0;
+  }
+  std::string OnDisk(const char* path) {
+    return names.count(path) != 0 ? names[path]->data : "(no file)";
+  }
+
+  int CreateFresh(const char* path) override {
+    if (Fails()) return -1;
+    names[path] = open_[++lastFd_] = std::make_shared<File>();
+    return lastFd_;
+  }
+  ssize_t Write(int fd, const void* buf, size_t len) override {
+    if (Fails()) return -1;
+    len = std::min({len, maxWrite, room});
+    if (len == 0) {
+      errno = ENOSPC;
+      return -1;
+    }
+    room -= len;
+    open_.at(fd)->data.append(static_cast<const char*>(buf), len);
+    return static_cast<ssize_t>(len);
+  }
+  int Sync(int fd) override {
+    if (Fails()) return -1;
+    open_.at(fd)->synced = open_.at(fd)->data;
+    return 0;
+  }
+  int Close(int fd) override {
+    open_.erase(fd);
+    return Fails() ? -1 : 0;
+  }
+  int Rename(const char* from, const char* to) override {
+    if (Fails()) return -1;
+    names[to] = names.at(from);
+    names.erase(from);
+    return 0;
+  }
+  int Unlink(const char* path) override {
+    if (Fails()) return -1;
+    return names.erase(path) == 1 ? 0 : (errno = ENOENT, -1);
+  }
+  void SyncDir(const char*) override {
+    if (!Fails()) durable = names;
+  }
+  FILE* OpenRead(const char* path) override {
+    if (Fails()) return nullptr;
+    if (names.count(path) == 0) return (errno = ENOENT, nullptr);
+    reads_.push_back(names[path]->data);
+    if (reads_.back().empty()) return fopen("/dev/null", "re");
+    return fmemopen(&reads_.back()[0], reads_.back().size(), "r");
+  }
+  int RemoveRestored(const char* path) override { return Unlink(path) == 0 ? 0 : 1; }
+
+  Names names, durable;
+  int steps = 0, faultAt = 0, faultErrno = EIO;
+  bool powerCut = false;
+  size_t maxWrite = SIZE_MAX, room = SIZE_MAX;
+
+ private:
+  bool Fails() {
+    ++steps;
+    if (faultAt == 0 || steps < faultAt || (steps > faultAt && !powerCut)) return false;
+    errno = faultErrno;
+    return true;
+  }
+  std::map<int, std::shared_ptr<File>> open_;
+  std::vector<std::string> reads_;
+  int lastFd_ = 99;
+};
+
 class BufferTest : public ::testing::Test {
  protected:
   void SetUp() override { unlink(WD_FLASH_FILE); }
+  void TearDown() override { wd_flashUseFs(nullptr); }
 
   // The lines as "seq:text:category" from head to tail.
   std::vector<std::string> Lines() {
@@ -38,16 +136,18 @@ class BufferTest : public ::testing::Test {
     return rc;
   }
   // Saves the buffer, as the save timer does; returns the console text.
-  std::string Save(int* rc = nullptr) {
-    wdFlashCopy copy;
-    {
-      wdLock lock(&bufMutex);
-      wd_flashTake(&list_, &copy);
-    }
+  std::string Save(int* rc = nullptr) { return Save(Take(), rc); }
+  std::string Save(const wdFlashCopy& copy, int* rc = nullptr) {
     int result;
     std::string said = Said([&] { result = saveMsgToFlash(&copy); });
     if (rc != nullptr) *rc = result;
     return said;
+  }
+  wdFlashCopy Take() {
+    wdFlashCopy copy;
+    wdLock lock(&bufMutex);
+    wd_flashTake(&list_, &copy);
+    return copy;
   }
   // Loads `file` as the flash copy and returns what the loader said.
   std::string Load(const std::string& file) {
@@ -137,15 +237,82 @@ TEST_F(BufferTest, FailedWritesKeepTheOldCopyAndNeverFollowALink) {
   Push("evil\r\nmy.app.wd.ppp.x: 1|forged#6", 3);  // no record of its own on flash
   Save();
   EXPECT_EQ(Slurp(WD_FLASH_FILE), "2#2#0\na#3\nevil  my.app.wd.ppp.x: 1|forged#6#3\n");
-  unlink(WD_FLASH_FILE);
-  ASSERT_EQ(mkdir(WD_FLASH_FILE, 0755), 0);  // cannot be replaced by a file
-  std::string err = Save(&rc);
+}
+
+// Every step of a save (open, write, sync, close, rename, directory sync, the
+// reads of the old header) failing once, or the power going there: the flash
+// holds the old copy or the new one, whole, and a save that said it wrote
+// left the new one.
+TEST_F(BufferTest, AFaultOrPowerCutAtAnyStepLeavesTheOldCopyOrTheNewWhole) {
+  Push("a", 3);
+  Push("b", 6);
+  FaultyFs fs;
+  wd_flashUseFs(&fs);
+  Save();
+  const std::string old = fs.OnDisk(WD_FLASH_FILE);
+  ASSERT_EQ(old, "2#1#1\nb#6\na#3\n");
+  Push("c", 3);
+  Push("d", 7);
+  const wdFlashCopy copy = Take();
+  const std::string now = "4#4#1\nb#6\na#3\nc#3\nd#7\n";
+  FaultyFs clean;
+  clean.Put(WD_FLASH_FILE, old);
+  wd_flashUseFs(&clean);
+  Save(copy);
+  ASSERT_EQ(clean.OnDisk(WD_FLASH_FILE), now);
+  const int steps = clean.steps;
+  ASSERT_GE(steps, 8);
+  for (bool cut : {false, true}) {
+    for (int at = 1; at <= steps; ++at) {
+      SCOPED_TRACE((cut ? "power cut at step " : "failure at step ") + std::to_string(at));
+      FaultyFs faulty;
+      faulty.Put(WD_FLASH_FILE, old);
+      faulty.faultAt = at;
+      faulty.powerCut = cut;
+      wd_flashUseFs(&faulty);
+      int rc;
+      Save(copy, &rc);
+      if (cut) faulty.CutPower();
+      std::string disk = faulty.OnDisk(WD_FLASH_FILE);
+      EXPECT_TRUE(disk == old || disk == now) << disk;
+      if (!cut) {
+        EXPECT_EQ(disk, rc == 0 ? now : old);
+      }
+    }
+  }
+}
+
+// The flash fills up in the middle of the new copy; room is made and the
+// next save writes it; writes that take a few bytes at a time still give the
+// whole copy. What the loader then restores is every line.
+TEST_F(BufferTest, AFullFlashKeepsTheOldCopyAndShortWritesLoseNoLine) {
+  FaultyFs fs;
+  wd_flashUseFs(&fs);
+  Push("a", 3);
+  Save();
+  const std::string old = fs.OnDisk(WD_FLASH_FILE);
+  Push("b", 6);
+  Push("c", 3);
+  fs.room = 10;
+  int rc;
+  std::string said = Save(&rc);
   EXPECT_EQ(rc, -1);
-  EXPECT_NE(err.find("read fail\n"), std::string::npos) << err;
-  EXPECT_NE(err.find("could not write /data/syslogmsg, the flash copy is unchanged\n"),
+  EXPECT_NE(said.find("could not write /data/syslogmsg, the flash copy is unchanged\n"),
             std::string::npos)
-      << err;
-  EXPECT_FALSE(Exists(WD_FLASH_FILE ".tmp")) << "no temporary file is left behind";
+      << said;
+  EXPECT_EQ(fs.OnDisk(WD_FLASH_FILE), old);
+  EXPECT_EQ(fs.names.count(WD_FLASH_FILE ".tmp"), 0u) << "no temporary file is left behind";
+  fs.room = SIZE_MAX;
+  fs.maxWrite = 3;
+  Save(&rc);
+  EXPECT_EQ(rc, 0);
+  fs.CutPower();
+  EXPECT_EQ(fs.OnDisk(WD_FLASH_FILE), "3#3#1\nb#6\na#3\nc#3\n");
+  buffer_.Clear();
+  SetSeq(0);
+  Said([] { loadMsgToWDBuf(wd_syslogPush); });
+  EXPECT_EQ(Lines(), (std::vector<std::string>{"1:b:6", "2:a:3", "3:c:3"}));
+  EXPECT_EQ(fs.names.count(WD_FLASH_FILE), 0u) << "restored, then removed";
 }
 
 TEST_F(BufferTest, LoaderRestoresLinesRenumberedAndRemovesTheFile) {
@@ -196,6 +363,44 @@ TEST_F(BufferTest, LoaderSurvivesDamagedCopies) {
             std::string::npos);
   wdLock lock(&bufMutex);
   EXPECT_EQ(list_.objNum, 1000);
+}
+
+// The check that debug and sanitizer builds run after every change of the
+// list finds each kind of broken link or counter; a node without an object
+// aborts those builds where it is met, and release builds say so and go on.
+TEST_F(BufferTest, BrokenLinksAndCountersAreFoundAndANullObjectIsLoudWhereChecked) {
+  Push("a", 6);
+  Push("b", 3);
+  Push("c", 3);
+  wdLock lock(&bufMutex);
+  EXPECT_EQ(bufListBroken(&list_), nullptr);
+  wdBufNode* mid = list_.head->next;
+  wdBufNode* last = list_.tail;
+  mid->prev = nullptr;
+  EXPECT_STREQ(bufListBroken(&list_), "a node's previous link does not lead back");
+  mid->prev = list_.head;
+  list_.tail = mid;
+  EXPECT_STREQ(bufListBroken(&list_), "the tail is not the last node");
+  list_.tail = last;
+  list_.objNum = 4;
+  EXPECT_STREQ(bufListBroken(&list_), "fewer nodes than objNum");
+  list_.objNum = 2;
+  EXPECT_STREQ(bufListBroken(&list_), "more nodes than objNum");
+  list_.objNum = 3;
+  pppMsgNum = 2;
+  EXPECT_STREQ(bufListBroken(&list_), "pppMsgNum differs from the ppp lines");
+  pppMsgNum = 1;
+  wdBufMsgObj* obj = mid->obj;
+  mid->obj = nullptr;
+  EXPECT_STREQ(bufListBroken(&list_), "a node without an object");
+#if WD_CHECKED
+  EXPECT_DEATH(setBufAllUnsent(&list_),
+               "invariant broken at .*wd_buffer.cpp:[0-9]+: n->obj != nullptr");
+#else
+  EXPECT_EQ(Said([&] { EXPECT_EQ(setBufAllUnsent(&list_), -1); }),
+            "No object or no message content!\n");
+#endif
+  mid->obj = obj;
 }
 
 }  // namespace

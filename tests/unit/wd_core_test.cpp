@@ -146,6 +146,32 @@ TEST_F(ChannelTest, ALaterChannelOfTheModuleIsNeverUndoneByTheEarlierOne) {
             "gModule#11#, Port is currently being used by some other application \n");
 }
 
+// The wait-and-dispatch loop: datagrams in order, each cut at the size and
+// ended by a 0 byte, an empty one as such, until the callback says stop.
+TEST(WaitDispatch, HandsEachDatagramCutAndEndedOrTheEmptyOneUntilTold) {
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
+  for (const char* d : {"abc", "", "0123456789", "stop", "never"})
+    ASSERT_EQ(send(fds[1], d, strlen(d), 0), static_cast<ssize_t>(strlen(d)));
+  std::vector<std::string> seen;
+  wd_waitDispatch(
+      fds[0], 6,
+      [](const wdDispatch& d, void* ctx) {
+        auto& out = *static_cast<std::vector<std::string>*>(ctx);
+        if (d.what == WD_DISPATCH_EMPTY) out.push_back("(empty)");
+        if (d.what != WD_DISPATCH_DATAGRAM) return true;
+        out.emplace_back(static_cast<const char*>(d.data));
+        EXPECT_EQ(out.back().size(), d.len);
+        return out.back() != "stop";
+      },
+      &seen);
+  EXPECT_EQ(seen, (std::vector<std::string>{"abc", "(empty)", "012345", "stop"}));
+  char rest[8];
+  EXPECT_EQ(recv(fds[0], rest, sizeof rest, MSG_DONTWAIT), 5) << "left queued";
+  close(fds[0]);
+  close(fds[1]);
+}
+
 TEST(Numbers, OutsideNumbersAreRangeChecked) {
   EXPECT_EQ(wd_parseUnsigned("99999999999999999999"), 4294967295u);
   EXPECT_EQ(wd_periodMs(4294967295u), 2147483000);
