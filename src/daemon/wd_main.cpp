@@ -23,6 +23,7 @@
 #include "wd_buffer.h"
 #include "wd_chanl.h"
 #include "wd_link.h"
+#include "wd_modtable.h"
 #include "wd_modthread.h"
 #include "wd_proc.h"
 #include "wd_relay.h"
@@ -92,13 +93,19 @@ bool KnownModule(const wdCmdMsg* msg) {
   return false;
 }
 
-// Hands the first `want` data bytes of a command to a module; missing bytes are
-// sent as zeros so that the module always receives a whole record.
-void ForwardData(int event, int destMod, wdCmdMsg* msg, unsigned want) {
-  unsigned char data[92] = {0};
+// Hands a command's data to module `modId` as the data record it takes with
+// `event`: the first bytes of the record's size, missing bytes sent as zeros so
+// that the module always receives a whole record. A module that takes no such
+// record gets nothing.
+void ForwardRecord(int event, unsigned modId, wdCmdMsg* msg) {
+  const wdModDesc* mod = wd_findMod(modId);
+  if (mod == nullptr || mod->record.size == 0 || mod->record.event != event) return;
+  unsigned char data[WD_MSG_DATA_SIZE];
+  unsigned want = mod->record.size < sizeof data ? mod->record.size : sizeof data;
+  memset(data, 0, want);
   unsigned have = msg->dataLength < want ? msg->dataLength : want;
   memcpy(data, wdCmdData(msg), have);
-  wd_simpleSendMsg(event, 0, destMod, data, want);
+  wd_simpleSendMsg(event, 0, static_cast<int>(modId), data, want);
 }
 
 void AnswerQuery(wdCmdMsg* msg) {
@@ -144,14 +151,11 @@ void DispatchCommand(wdCmdMsg* msg) {
       if (msg->wordData == 0) {
         AnswerQuery(msg);
       } else if (msg->wordData == 1 && msg->dataLength >= 2) {
-        if (msg->sequenceNumber == MOD_VOIP_REGISTER)
-          ForwardData(RECEIVE_FROM, MOD_VOIP_REGISTER, msg, 8);
-        if (msg->sequenceNumber == MOD_VOIP_STATS)
-          ForwardData(RECEIVE_FROM, MOD_VOIP_STATS, msg, 92);
+        ForwardRecord(RECEIVE_FROM, msg->sequenceNumber, msg);
       }
       break;
     case MSG_QORVWATCHDOG_MONITOR_DATA:
-      ForwardData(MONITOR_DATA, MOD_MONITOR, msg, 8);
+      ForwardRecord(MONITOR_DATA, MOD_MONITOR, msg);
       break;
     case MSG_QORVWATCHDOG_SYSLOG_RELOAD:
     case MSG_QORVWATCHDOG_SYSLOG_RELOAD_2:
@@ -205,6 +209,7 @@ int main(int argc, char** argv) {
   wd_timerInit();
   wd_connectSyslogNG();
   wd_bufInit();
+  wd_setModTable(kModTable, kModTableCount);
   wd_initSubModData();
   wd_creatModThreads();
   wd_initData();

@@ -61,8 +61,13 @@ class Lines {
   size_t len_ = 0;
 };
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
-  char* lastRun = static_cast<char*>(ctx);
+// The module's state: the last command it ran.
+struct General {
+  char lastRun[kCommandSize];
+};
+
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
+  char* lastRun = wd_modState<General>(run)->lastRun;
   if (msg->eventType == THREAD_EXIT) return WD_LOOP_EXIT;
   if (msg->eventType != CONFIG_CHANGE) return WD_LOOP_CONTINUE;
   char command[kCommandSize];
@@ -106,10 +111,14 @@ void mod_generalRun(const char* command, int limitSeconds) {
   lines.Flush();
 }
 
-void* mod_generalHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_GENERAL, &ch) < 0) wd_threadExit(MOD_GENERAL, 0, nullptr);
-  char lastRun[kCommandSize] = {0};
-  wd_modLoop(&ch, kText, OnEvent, lastRun);
-  wd_threadExit(MOD_GENERAL, 0, &ch);
-}
+const wdModDesc kGeneralModule = {
+    MOD_GENERAL,
+    "/var/wd_general.chanl",
+    {nullptr, nullptr, nullptr},  // no configured period
+    {wd_startAlways, nullptr},
+    {0, 0},  // no data record
+    {mod_generalHandler, &kText, nullptr, OnEvent, nullptr},
+    {WD_MOD_TIMER_NONE, 0, false},
+};
+
+void* mod_generalHandler(void* arg) { wd_runModule(kGeneralModule, arg); }

@@ -7,6 +7,8 @@
 #ifndef WATCHDOGD_MODULES_WD_GENERAL_H
 #define WATCHDOGD_MODULES_WD_GENERAL_H
 
+#include "wd_modthread.h"
+
 // How long a command may run before it is stopped, in seconds.
 #define WD_SHELL_TIME_LIMIT 120
 
@@ -24,7 +26,8 @@ void executeShellCommand(const char* command);
 // is stopped with all it started, and the debug console says so (wd_run); the
 // lines it printed until then are reported. At most 64 KiB of output is read.
 void mod_generalRun(const char* command, int limitSeconds);
-// Thread body of MOD_GENERAL.
+extern const wdModDesc kGeneralModule;
+// The module's thread body.
 void* mod_generalHandler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_GENERAL_H

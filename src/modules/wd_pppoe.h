@@ -9,6 +9,8 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include "wd_modthread.h"
+
 typedef struct wdPppConfig {
   uint32_t Timer;          // check period in seconds as configured
   uint32_t AlertAfter;     // failed checks of a kind tolerated before acting
@@ -34,7 +36,8 @@ void mod_pppoe_reset_ppp(void);
 void mod_pppoe_AlarmSyslog(const char* name);
 // One check cycle; blocks the module thread for up to half a minute and more.
 void mod_pppoe_TimerExpire(void);
-// Thread body of MOD_PPPOE.
+extern const wdModDesc kPppoeModule;
+// The module's thread body.
 void* mod_pppoeHandler(void* arg);
 
 // ---- Pieces of the check cycle ----

@@ -32,8 +32,6 @@ void showGeneralStatus(void);
 extern uint32_t displayLevel;
 // Runs the collectors `mask` selects, in the fixed order 8, 2, 4, 1.
 void mod_periodicInfoReport(uint32_t mask);
-// Thread body of MOD_PERIODIC_INFO.
-void* mod_periodicInfoHandler(void* arg);
 
 // ---- The collectors on open files (null for a missing one), for recorded samples.
 // Each formats the report text into `out` (`size` bytes); those that report

@@ -81,11 +81,34 @@ void OnConfigChange(wdModTR069& t) {
   }
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void*) {
+wdLoopAction OnEvent(wdMsg* msg, wdModRun*) {
   if (msg->eventType == THREAD_EXIT) return WD_LOOP_EXIT;
   mod_tr069Event(static_cast<int>(msg->eventType));
   return WD_LOOP_CONTINUE;
 }
+
+bool StartRule(uint32_t* period) {
+  char value[32];
+  char piTimer[32];
+  memset(value, 0, sizeof value);
+  memset(piTimer, 0, sizeof piTimer);
+  if (tcapi_get(kNode, "RegisterTimer", value) != 0) {
+    tcdbg_printf("\r\nget tr069 RegisterTimer error!\r\n");
+    tcdbg_printf("\r\ncreate MOD_TR069 thread fail!\r\n");
+    return false;
+  }
+  tcdbg_printf("\r\ntr069Obj->registerTimer = %s\r\n", value);
+  tcapi_get(kNode, "PITimer", piTimer);
+  if (wd_settingUnset(value) || wd_settingUnset(piTimer)) {
+    tcdbg_printf("\r\ntr069Obj->registerTimer error!\r\n");
+    return false;
+  }
+  WD_START_TRACE("tr069Obj->registerTimer and tr069Obj->PITimer are not 0, So start TR069 modurle");
+  *period = wd_parseUnsigned(value);
+  return true;
+}
+
+void Init(wdModRun*) { wdmod_tr069Handler_init(); }
 
 }  // namespace
 
@@ -188,12 +211,14 @@ void mod_tr069Event(int eventType) {
   }
 }
 
-void* mod_tr069Handler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_TR069, &ch) < 0) wd_threadExit(MOD_TR069, 0, nullptr);
-  wdmod_tr069Handler_init();
-  int timerId = wd_setDefaultPTimer(1000, MOD_TR069);
-  if (timerId < 0) timerId = 0;
-  wd_modLoop(&ch, kText, OnEvent, nullptr);
-  wd_threadExit(MOD_TR069, timerId, &ch);
-}
+const wdModDesc kTr069Module = {
+    MOD_TR069,
+    "/var/wd_tr069.chanl",
+    {kNode, "RegisterTimer", nullptr},
+    {StartRule, "tr069 thread ret=%d!"},
+    {0, 0},  // no data record
+    {mod_tr069Handler, &kText, Init, OnEvent, nullptr},
+    {WD_MOD_TIMER_FIXED, 1000, false},  // a one-second tick, whatever the period
+};
+
+void* mod_tr069Handler(void* arg) { wd_runModule(kTr069Module, arg); }

@@ -10,6 +10,8 @@
 
 #include <stdint.h>
 
+#include "wd_modthread.h"
+
 typedef struct wdModTR069 {
   uint32_t cur_caseflag;        // 0 factory credentials, 1 registering, 2 provisioned
   uint8_t alarmFlag;            // 1 while the communication alarm stands
@@ -32,7 +34,8 @@ int wdmod_tr069Handler_init(void);
 // One event of the module's state machine (TIMER_EXPIRED, GET_INFORM,
 // GET_INFORM_RESPONSE, CR_NAME_CHANGE, NAME_CHANGE, CONFIG_CHANGE).
 void mod_tr069Event(int eventType);
-// Thread body of MOD_TR069.
+extern const wdModDesc kTr069Module;
+// The module's thread body.
 void* mod_tr069Handler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_TR069_H

@@ -9,6 +9,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "wd_modthread.h"
+
 // The statistics record the voice application sends: 23 words of 32 bits in
 // the device's own byte order.
 typedef struct VoipStatsReply {
@@ -48,7 +50,8 @@ void mod_voipStatsCallId(char* callId);
 // Formats the 26-field report text of `r` into `out` (`size` bytes).
 void mod_voipStatsLine(char* out, size_t size, uint32_t start, uint32_t end, uint32_t mode,
                        uint32_t period, const char* callId, const VoipStatsReply* r);
-// Thread body of MOD_VOIP_STATS.
+extern const wdModDesc kVoipStatsModule;
+// The module's thread body.
 void* mod_voipStatsHandler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_VOIPSTATS_H
