@@ -165,7 +165,7 @@ void mod_arpReport(FILE* arp, FILE* inet6) {
     if (inet6 != nullptr) GlobalAddress(inet6, e.w[5], ipv6, sizeof ipv6);
     char text[kLine];
     snprintf(text, sizeof text, "%s|%s|%s|%s|%s", e.w[3], e.w[0], ipv6, e.w[5], e.w[2]);
-    wd_syslogStr(7, text);
+    wd_syslogStr(WD_CAT_ARP, text);
   }
 }
 

@@ -51,7 +51,7 @@ class Lines {
     char report[1024];
     snprintf(report, sizeof report, "%s|%d| %s", command_, number_++,
              piece_ + strspn(piece_, " \t\r\n"));
-    wd_syslogStr(5, report);
+    wd_syslogStr(WD_CAT_SHELL, report);
   }
 
  private:

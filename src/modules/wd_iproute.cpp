@@ -146,7 +146,7 @@ void mod_routeReport(FILE* route) {
     char text[256];
     snprintf(text, sizeof text, "%s|%s|%s|%s|%s|%s|%s|%s", c[0], c[1], c[2], c[3], c[4], c[5], c[6],
              c[7]);
-    if (wd_syslogStr(16, text) != 0) tcdbg_printf("Error: wd_syslogStr fail.");
+    if (wd_syslogStr(WD_CAT_ROUTE, text) != 0) tcdbg_printf("Error: wd_syslogStr fail.");
   }
 }
 

@@ -121,7 +121,7 @@ void mod_monitorCycle(void) {
 void wdmod_monitorSyslog(const char* name) {
   char text[64];
   snprintf(text, sizeof text, "%s|%s", name, "Internal error");
-  wd_syslogStr(10, text);
+  wd_syslogStr(WD_CAT_PS, text);
 }
 
 const wdModDesc kMonitorModule = {

@@ -9,7 +9,7 @@
 #include "wd_status.h"
 #include "wd_timer.h"
 
-uint32_t displayLevel = 15;
+uint32_t displayLevel = WD_INFO_ALL;
 
 namespace {
 
@@ -87,10 +87,10 @@ void Init(wdModRun* run) {
 }  // namespace
 
 void mod_periodicInfoReport(uint32_t mask) {
-  if (mask & 8) showProcessStatus();
-  if (mask & 2) showConnectionStatus();
-  if (mask & 4) showPacketCounter();
-  if (mask & 1) showGeneralStatus();
+  if (mask & WD_INFO_PROCESSES) showProcessStatus();
+  if (mask & WD_INFO_CONNECTIONS) showConnectionStatus();
+  if (mask & WD_INFO_COUNTERS) showPacketCounter();
+  if (mask & WD_INFO_GENERAL) showGeneralStatus();
 }
 
 const wdModDesc kPeriodicInfoModule = {

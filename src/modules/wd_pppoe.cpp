@@ -225,7 +225,7 @@ void mod_pppoe_AlarmSyslog(const char* name) {
            interface_status[0] ? interface_status : "null", addr_backup[0] ? addr_backup : "null",
            addr_6backup[0] ? addr_6backup : "null");
   WD_TRACE("syslogstr=%s", line);
-  wd_syslogStr(6, line);
+  wd_syslogStr(WD_CAT_PPP, line);
 }
 
 void mod_pppoe_scanLink(FILE* f, wdPppLinkScan* scan) {

@@ -35,26 +35,28 @@ const wdModLoopText kText = {
 };
 
 void OnTick(wdModTR069& t) {
-  if (t.cur_caseflag == 1) {
+  if (t.cur_caseflag == WD_TR069_REGISTERING) {
     ++t.RegisterCounterACS;
     if (t.RegisterTimer <= t.RegisterCounterACS) {
-      wd_tr069_Restart(1);
-      t.cur_caseflag = 0;
+      wd_tr069_Restart(WD_TR069_RESTART_BOOTSTRAP);
+      t.cur_caseflag = WD_TR069_FACTORY;
       t.RegisterCounterACS = 0;
-      wd_syslogStr(13, "ALARM_TR069_REGISTRATION_FAILURE-TR069_PROCESS_RESTART");
+      wd_syslogStr(WD_CAT_TR069, "ALARM_TR069_REGISTRATION_FAILURE-TR069_PROCESS_RESTART");
     }
-  } else if (t.cur_caseflag == 2) {
-    if (t.alarmFlag == 0 && (t.informState == 1 || t.informState == 2)) ++t.PICounter;
+  } else if (t.cur_caseflag == WD_TR069_PROVISIONED) {
+    if (t.alarmFlag == 0 &&
+        (t.informState == WD_INFORM_SENT || t.informState == WD_INFORM_ANSWERED))
+      ++t.PICounter;
     // The limit after a response waits one more Inform interval; the sum
     // wraps in 32 bits as the counters do.
     uint32_t answered = t.PITimer + t.periodInterval;
-    if ((t.informState == 1 && t.PITimer <= t.PICounter) ||
-        (t.informState == 2 && answered <= t.PICounter)) {
-      wd_tr069_Restart(0);
+    if ((t.informState == WD_INFORM_SENT && t.PITimer <= t.PICounter) ||
+        (t.informState == WD_INFORM_ANSWERED && answered <= t.PICounter)) {
+      wd_tr069_Restart(WD_TR069_RESTART_PERIODIC);
       t.PICounter = 0;
-      wd_syslogStr(13, kCommFailure);
+      wd_syslogStr(WD_CAT_TR069, kCommFailure);
       t.alarmFlag = 1;
-      t.informState = 0;
+      t.informState = WD_INFORM_IDLE;
     }
   }
 }
@@ -113,7 +115,7 @@ void Init(wdModRun*) { wdmod_tr069Handler_init(); }
 }  // namespace
 
 void wd_tr069_Restart(int mode) {
-  if (mode == 1) {
+  if (mode == WD_TR069_RESTART_BOOTSTRAP) {
     tcapi_set(kCwmp, "conReqUserName", kConReqDefault);
     tcapi_set(kCwmp, "conReqPassword", kConReqDefault);
     tcapi_set(kCwmp, "restartmode", "boottrap");
@@ -132,7 +134,7 @@ int wdmod_tr069Handler_init(void) {
   wdModTR069& t = gWdModTR069;
   t.RegisterCounterACS = 0;
   t.PICounter = 0;
-  t.informState = 0;
+  t.informState = WD_INFORM_IDLE;
   t.alarmFlag = 0;
   char registerTimer[16] = {0};
   char piTimer[16] = {0};
@@ -162,14 +164,14 @@ int wdmod_tr069Handler_init(void) {
       (strcmp(conUser, kConReqDefault) == 0) + (strcmp(conPass, kConReqDefault) == 0);
   bool factoryAcs = strcmp(acsUser, kAcsDefault) == 0 && strcmp(acsPass, kAcsDefault) == 0;
   if (factoryConReq == 2) {
-    t.cur_caseflag = 0;
+    t.cur_caseflag = WD_TR069_FACTORY;
   } else if (factoryConReq == 1 || !factoryAcs) {
-    t.cur_caseflag = 2;
+    t.cur_caseflag = WD_TR069_PROVISIONED;
   } else {
     // Changed connection-request credentials with the ACS still at its
     // factory ones: the registration never completed.
-    wd_tr069_Restart(1);
-    t.cur_caseflag = 0;
+    wd_tr069_Restart(WD_TR069_RESTART_BOOTSTRAP);
+    t.cur_caseflag = WD_TR069_FACTORY;
   }
   return 0;
 }
@@ -184,26 +186,26 @@ void mod_tr069Event(int eventType) {
       OnConfigChange(t);
       break;
     case GET_INFORM:
-      if (t.cur_caseflag == 2) t.informState = 1;
+      if (t.cur_caseflag == WD_TR069_PROVISIONED) t.informState = WD_INFORM_SENT;
       break;
     case GET_INFORM_RESPONSE:
-      if (t.cur_caseflag == 2) {
-        t.informState = 2;
+      if (t.cur_caseflag == WD_TR069_PROVISIONED) {
+        t.informState = WD_INFORM_ANSWERED;
         t.PICounter = 0;
         if (t.alarmFlag == 1) {
-          wd_syslogStr(13, "CEASE_TR069_COMMNUNICATION_CPE_ACS");
+          wd_syslogStr(WD_CAT_TR069, "CEASE_TR069_COMMNUNICATION_CPE_ACS");
           t.alarmFlag = 0;
         }
       }
       break;
     case CR_NAME_CHANGE:
-      if (t.cur_caseflag == 0) t.cur_caseflag = 1;
+      if (t.cur_caseflag == WD_TR069_FACTORY) t.cur_caseflag = WD_TR069_REGISTERING;
       break;
     case NAME_CHANGE:
-      if (t.cur_caseflag == 1) {
+      if (t.cur_caseflag == WD_TR069_REGISTERING) {
         t.RegisterCounterACS = 0;
-        t.cur_caseflag = 2;
-        t.informState = 2;
+        t.cur_caseflag = WD_TR069_PROVISIONED;
+        t.informState = WD_INFORM_ANSWERED;
       }
       break;
     default:

@@ -59,7 +59,7 @@ void OnRecord(const VoipRegister* r, const wdMsg* msg) {
   char text[70];
   memset(text, 0, sizeof text);
   snprintf(text, sizeof text, "%s%d", prefix, static_cast<int>(reply.RegisterSIPCounter));
-  wd_syslogStr(12, text);
+  wd_syslogStr(WD_CAT_VOIPREG, text);
 }
 
 wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {

@@ -115,7 +115,7 @@ void OnRecord(VoipStats* s, const wdMsg* msg) {
   char line[1024];
   mod_voipStatsLine(line, sizeof line, start, end, s->mode, s->period, callId, &r);
   if (s->mode != 1) s->intervalStart = end;
-  wd_syslogStr(11, line);
+  wd_syslogStr(WD_CAT_VOIPSTAT, line);
   if (tcapi_set(kNode, "Query", "0") != 0) tcdbg_printf("can't set Watchdog_VoIPStats Query \n");
 }
 
