@@ -104,10 +104,14 @@ void mod_generalRun(const char* command, int limitSeconds) {
   wdOutput out = {nullptr, kOutputMax, false, nullptr};
   wd_runShell(command, limitSeconds, &out);
   if (out.file == nullptr) return;
+  mod_generalReport(command, out.file);
+  fclose(out.file);
+}
+
+void mod_generalReport(const char* command, FILE* output) {
   Lines lines(command);
   char chunk[512];
-  for (size_t n; (n = fread(chunk, 1, sizeof chunk, out.file)) > 0;) lines.Add(chunk, n);
-  fclose(out.file);
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, output)) > 0;) lines.Add(chunk, n);
   lines.Flush();
 }
 

@@ -116,14 +116,6 @@ FILE* RunInto(const std::vector<const char*>& argv, int seconds, const char* fil
   return out.file;
 }
 
-// True when `passes` holds for any line of `f`, read with 512-byte lines.
-bool AnyLine(FILE* f, int (*passes)(const char*)) {
-  char line[512];
-  bool passed = false;
-  while (fgets(line, sizeof line, f) != nullptr) passed = passed || passes(line);
-  return passed;
-}
-
 // The words of a configured value, split on blanks as a shell splits them.
 std::vector<std::string> Words(const char* value) {
   std::vector<std::string> words;
@@ -161,7 +153,7 @@ int Stage(std::vector<const char*> argv, int seconds, const char* what, const ch
     unlink(file);
     return -1;
   }
-  bool passed = AnyLine(f, passes);
+  bool passed = mod_pppoe_outputPassed(f, passes) != 0;
   fclose(f);
   if (passed) {
     *(kind == WD_PPP_PING ? &Ping_fail_times : &dns_fail_times) = 0;
@@ -248,6 +240,13 @@ int mod_pppoe_pingLinePassed(const char* line) {
 }
 
 int mod_pppoe_lookupLinePassed(const char* line) { return strstr(line, "Address") != nullptr; }
+
+int mod_pppoe_outputPassed(FILE* f, int (*passes)(const char*)) {
+  char line[512];
+  bool passed = false;
+  while (fgets(line, sizeof line, f) != nullptr) passed = passed || passes(line);
+  return passed ? 1 : 0;
+}
 
 void mod_pppoe_TimerExpire(void) {
   // Link stage.

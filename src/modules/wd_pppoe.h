@@ -60,5 +60,8 @@ int mod_pppoe_isPrivate(const char* ipv4);
 int mod_pppoe_pingLinePassed(const char* line);
 // A line of nslookup's output that shows an address.
 int mod_pppoe_lookupLinePassed(const char* line);
+// 1 when `passes` holds for any line of a tool's output `f`, read to its end
+// in 512-byte lines as a stage reads it; else 0.
+int mod_pppoe_outputPassed(FILE* f, int (*passes)(const char*));
 
 #endif  // WATCHDOGD_MODULES_WD_PPPOE_H

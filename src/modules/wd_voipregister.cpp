@@ -19,10 +19,6 @@ namespace {
 constexpr const char* kNode = "Watchdog_VoIPStatus";
 constexpr const char* kHandler = "mod_voipRegisterHandler";
 
-struct VoipRegister {
-  uint8_t improperConf;  // "ImproperConfEnable" as last read; 0 until then
-};
-
 const wdModLoopText kText = {
     kHandler,
     {"Select error, ret=%d", WD_SAY_CONSOLE},

@@ -27,13 +27,6 @@ namespace {
 constexpr const char* kNode = "Watchdog_VoIPStats";
 constexpr const char* kHandler = "mod_voipStatsHandler";
 
-struct VoipStats {
-  uint32_t mode;
-  uint32_t period;
-  uint32_t queryDelay;
-  uint32_t intervalStart;
-};
-
 const wdModLoopText kText = {
     kHandler,
     {"Select error, ret=%d \n", WD_SAY_CONSOLE},

@@ -50,6 +50,16 @@ void mod_voipStatsCallId(char* callId);
 // Formats the 26-field report text of `r` into `out` (`size` bytes).
 void mod_voipStatsLine(char* out, size_t size, uint32_t start, uint32_t end, uint32_t mode,
                        uint32_t period, const char* callId, const VoipStatsReply* r);
+// The module thread's state (wd_modState of its wdModRun), zero at start;
+// the module's timer, periodic or one-shot, is the run's timerId.
+struct VoipStats {
+  uint32_t mode;           // "Mode" as last read: 1 per call, 2 periodic, 3 on demand
+  uint32_t period;         // "Period" as last read, seconds
+  uint32_t queryDelay;     // "Query" as last read, seconds
+  uint32_t intervalStart;  // start of the interval the next record reports
+};
+// The module: its event function takes RECEIVE_FROM records, CONFIG_CHANGE,
+// TIMER_EXPIRED (the query) and THREAD_EXIT.
 extern const wdModDesc kVoipStatsModule;
 // The module's thread body.
 void* mod_voipStatsHandler(void* arg);
