@@ -15,6 +15,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "wd_base.h"
 #include "wd_chanl.h"
 
 struct wdModDesc;
