@@ -1,11 +1,10 @@
 // watchdogd entry: start-up in a fixed order, then the command loop that
 // serves /tmp/watchdog_sock for the rest of the process's life.
 //
-// The main thread is the only reader of the command socket. It turns each
-// command into an event on a module channel, starts a module thread, answers a
-// query on /tmp/wd_result_sock, or sets sngReload. While it waits for
-// commands it also sends on the events that wait for a full module channel,
-// so that neither it nor the timer thread ever waits for a module.
+// The main thread is the only reader of the command socket; wd_command
+// handles each command. While it waits for commands it also sends on the
+// events that wait for a full module channel, so that neither it nor the
+// timer thread ever waits for a module.
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -22,7 +21,9 @@
 #include "wd_base.h"
 #include "wd_buffer.h"
 #include "wd_chanl.h"
+#include "wd_command.h"
 #include "wd_link.h"
+#include "wd_modtable.h"
 #include "wd_modthread.h"
 #include "wd_proc.h"
 #include "wd_relay.h"
@@ -31,8 +32,6 @@
 
 namespace {
 
-// The receive length word handed to every wdmsg_receive call.
-constexpr int kCmdRecvLen = 500;
 // The wait of one loop round: the millisecond count 2^32 - 101.
 constexpr unsigned long kCmdWaitMs = 4294967195UL;
 // The most commands taken after one wait: a client that keeps the socket full
@@ -69,97 +68,6 @@ void MakeWorkDirectory() {
   mkdir(dir, 0777);
   struct stat st;
   if (lstat(dir, &st) == 0 && !S_ISDIR(st.st_mode) && unlink(dir) == 0) mkdir(dir, 0777);
-}
-
-// Only a socket of the daemon's own user (the asker's; no other user can
-// write to the command socket) may take a reply: never a link planted at
-// the reply path, nor another user's socket bound there.
-bool ReplySocketIsOurs() {
-  static const uid_t ours = geteuid();  // the daemon never changes its user
-  struct stat st;
-  if (lstat(WD_RESULT_SOCK_PATH, &st) != 0) return false;
-  if (S_ISSOCK(st.st_mode) && st.st_uid == ours) return true;
-  errno = EACCES;
-  return false;
-}
-
-// Module-addressed commands name their module in sequenceNumber; the table has
-// 13 entries and nothing beyond.
-bool KnownModule(const wdCmdMsg* msg) {
-  if (msg->sequenceNumber < WD_MOD_NUM) return true;
-  tcdbg_printf("Invalid module id: %u, command type %u dropped\r\n", msg->sequenceNumber,
-               msg->signaltype);
-  return false;
-}
-
-// Hands the first `want` data bytes of a command to a module; missing bytes are
-// sent as zeros so that the module always receives a whole record.
-void ForwardData(int event, int destMod, wdCmdMsg* msg, unsigned want) {
-  unsigned char data[92] = {0};
-  unsigned have = msg->dataLength < want ? msg->dataLength : want;
-  memcpy(data, wdCmdData(msg), have);
-  wd_simpleSendMsg(event, 0, destMod, data, want);
-}
-
-void AnswerQuery(wdCmdMsg* msg) {
-  bool running = msg->sequenceNumber < WD_MOD_NUM && gSubMod[msg->sequenceNumber].threadId != 0;
-  msg->wordData = running ? 0 : WD_QUERY_NOT_RUNNING;
-  msg->dataLength = 0;
-  WD_TRACE_AS("main", "MSG_QORVWATCHDOG_QUERY wordData=%x", msg->wordData);
-  // Never waits: a process that asks and does not read must not stop the loop.
-  if (!ReplySocketIsOurs() || SendSigToApp(WD_RESULT_SOCK_PATH, msg) < 0) {
-    tcdbg_printf("Query reply for module %u to %s dropped: %s\r\n", msg->sequenceNumber,
-                 WD_RESULT_SOCK_PATH, strerror(errno));
-  }
-}
-
-void StartModule(unsigned modId) {
-  if (!wd_isWdEnable() || modId >= WD_MOD_NUM) return;
-  wdSubModEntry& entry = gSubMod[modId];
-  // MOD_DEFAULT has no body, and the resend channel's thread belongs to the
-  // relay, which starts it itself.
-  if (entry.handler == nullptr || modId == MOD_MSG_RESEND) return;
-  wd_startModThread(static_cast<int>(modId));
-}
-
-void DispatchCommand(wdCmdMsg* msg) {
-  static const int kEventOfType[] = {
-      0,          CONFIG_CHANGE, 0, THREAD_EXIT, 0, GET_INFORM, GET_INFORM_RESPONSE, CR_NAME_CHANGE,
-      NAME_CHANGE};
-  uint32_t type = msg->signaltype;
-  switch (type) {
-    case MSG_QORVWATCHDOG_CONFIG_CHANGE:
-    case MSG_QORVWATCHDOG_THREAD_EXIT:
-    case MSG_QORVWATCHDOG_GET_INFORM:
-    case MSG_QORVWATCHDOG_GET_INFORM_RESPONSE:
-    case MSG_QORVWATCHDOG_CR_NAME_CHANGE:
-    case MSG_QORVWATCHDOG_NAME_CHANGE:
-      if (KnownModule(msg))
-        wd_simpleSendMsg(kEventOfType[type], 0, msg->sequenceNumber, nullptr, 0);
-      break;
-    case MSG_QORVWATCHDOG_THREAD_START:
-      StartModule(msg->sequenceNumber);
-      break;
-    case MSG_QORVWATCHDOG_QUERY:
-      if (msg->wordData == 0) {
-        AnswerQuery(msg);
-      } else if (msg->wordData == 1 && msg->dataLength >= 2) {
-        if (msg->sequenceNumber == MOD_VOIP_REGISTER)
-          ForwardData(RECEIVE_FROM, MOD_VOIP_REGISTER, msg, 8);
-        if (msg->sequenceNumber == MOD_VOIP_STATS)
-          ForwardData(RECEIVE_FROM, MOD_VOIP_STATS, msg, 92);
-      }
-      break;
-    case MSG_QORVWATCHDOG_MONITOR_DATA:
-      ForwardData(MONITOR_DATA, MOD_MONITOR, msg, 8);
-      break;
-    case MSG_QORVWATCHDOG_SYSLOG_RELOAD:
-    case MSG_QORVWATCHDOG_SYSLOG_RELOAD_2:
-      wd_bufSetReload();
-      break;
-    default:
-      tcdbg_printf("Invalid message type: 0x%08X\r\n", type);
-  }
 }
 
 }  // namespace
@@ -205,6 +113,7 @@ int main(int argc, char** argv) {
   wd_timerInit();
   wd_connectSyslogNG();
   wd_bufInit();
+  wd_setModTable(kModTable, kModTableCount);
   wd_initSubModData();
   wd_creatModThreads();
   wd_initData();
@@ -215,7 +124,7 @@ int main(int argc, char** argv) {
   // ends the round early; between rounds the waiting events move on. One
   // receive buffer serves the daemon's life (wdmsg_receive grows it once).
   fcntl(cmdFd, F_SETFL, fcntl(cmdFd, F_GETFL) | O_NONBLOCK);
-  int recvLen = kCmdRecvLen;
+  int recvLen = WD_CMD_RECV_LEN;
   wdCmdMsg* msg = nullptr;
   for (;;) {
     // Waits for a command; meanwhile the events that found a module's
@@ -237,7 +146,7 @@ int main(int argc, char** argv) {
         WD_TRACE("wd_main sequenceNumber=%x", msg->sequenceNumber);
         WD_TRACE("wd_main wordData=%x", msg->wordData);
         WD_TRACE("wd_main dataLength=%x", msg->dataLength);
-        DispatchCommand(msg);
+        wd_dispatchCommand(msg);
       } else {
         tcdbg_printf("iReadLen=%d\t%s\n", result, result < 0 ? strerror(errno) : "");
       }

@@ -88,13 +88,13 @@ void OnConfigChange(int* timerId) {
   }
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
   switch (msg->eventType) {
     case TIMER_EXPIRED:
       showARPTable();
       break;
     case CONFIG_CHANGE:
-      OnConfigChange(static_cast<int*>(ctx));
+      OnConfigChange(&run->timerId);
       break;
     case THREAD_EXIT:
       return WD_LOOP_EXIT;
@@ -102,6 +102,23 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
       break;
   }
   return WD_LOOP_CONTINUE;
+}
+
+bool StartRule(uint32_t* period) {
+  char value[32];
+  memset(value, 0, sizeof value);
+  if (tcapi_get(kNode, "Timer", value) != 0) {
+    tcdbg_printf("\r\nget arp Timer error!\r\n");
+    tcdbg_printf("\r\ncreate MOD_ARP thread fail!\r\n");
+    return false;
+  }
+  if (wd_settingUnset(value)) {
+    tcdbg_printf("\r\narpObj->timer error!\r\n");
+    return false;
+  }
+  WD_START_TRACE("arpObj->timer is not 0, So start ARP modurle");
+  *period = wd_parseUnsigned(value);
+  return true;
 }
 
 }  // namespace
@@ -148,7 +165,7 @@ void mod_arpReport(FILE* arp, FILE* inet6) {
     if (inet6 != nullptr) GlobalAddress(inet6, e.w[5], ipv6, sizeof ipv6);
     char text[kLine];
     snprintf(text, sizeof text, "%s|%s|%s|%s|%s", e.w[3], e.w[0], ipv6, e.w[5], e.w[2]);
-    wd_syslogStr(7, text);
+    wd_syslogStr(WD_CAT_ARP, text);
   }
 }
 
@@ -161,10 +178,14 @@ int showARPTable(void) {
   return 0;
 }
 
-void* mod_arpHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_ARP, &ch) < 0) wd_threadExit(MOD_ARP, 0, nullptr);
-  int timerId = wd_startModTimer(MOD_ARP);
-  wd_modLoop(&ch, kText, OnEvent, &timerId);
-  wd_threadExit(MOD_ARP, timerId, &ch);
-}
+const wdModDesc kArpModule = {
+    MOD_ARP,
+    "/var/wd_arp.chanl",
+    {kNode, "Timer", nullptr},
+    {StartRule, "arp thread ret=%d!"},
+    {0, 0},  // no data record
+    {mod_arpHandler, &kText, nullptr, OnEvent, nullptr},
+    {WD_MOD_TIMER_PERIOD, 0, false},
+};
+
+void* mod_arpHandler(void* arg) { wd_runModule(kArpModule, arg); }

@@ -8,6 +8,8 @@
 
 #include <stdio.h>
 
+#include "wd_modthread.h"
+
 // Asks the kernel to delete the entry of `ipAddr` (dotted IPv4 text): 0 when
 // it did, 1 when not (said on the debug console).
 int deleteARPEntry(const char* ipAddr);
@@ -18,7 +20,8 @@ void clearARPTable(void);
 int showARPTable(void);
 // The same on open files: `arp` and `inet6` may be null (missing).
 void mod_arpReport(FILE* arp, FILE* inet6);
-// Thread body of MOD_ARP.
+extern const wdModDesc kArpModule;
+// The module's thread body.
 void* mod_arpHandler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_ARP_H

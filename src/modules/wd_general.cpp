@@ -51,7 +51,7 @@ class Lines {
     char report[1024];
     snprintf(report, sizeof report, "%s|%d| %s", command_, number_++,
              piece_ + strspn(piece_, " \t\r\n"));
-    wd_syslogStr(5, report);
+    wd_syslogStr(WD_CAT_SHELL, report);
   }
 
  private:
@@ -61,8 +61,13 @@ class Lines {
   size_t len_ = 0;
 };
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
-  char* lastRun = static_cast<char*>(ctx);
+// The module's state: the last command it ran.
+struct General {
+  char lastRun[kCommandSize];
+};
+
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
+  char* lastRun = wd_modState<General>(run)->lastRun;
   if (msg->eventType == THREAD_EXIT) return WD_LOOP_EXIT;
   if (msg->eventType != CONFIG_CHANGE) return WD_LOOP_CONTINUE;
   char command[kCommandSize];
@@ -99,17 +104,25 @@ void mod_generalRun(const char* command, int limitSeconds) {
   wdOutput out = {nullptr, kOutputMax, false, nullptr};
   wd_runShell(command, limitSeconds, &out);
   if (out.file == nullptr) return;
+  mod_generalReport(command, out.file);
+  fclose(out.file);
+}
+
+void mod_generalReport(const char* command, FILE* output) {
   Lines lines(command);
   char chunk[512];
-  for (size_t n; (n = fread(chunk, 1, sizeof chunk, out.file)) > 0;) lines.Add(chunk, n);
-  fclose(out.file);
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, output)) > 0;) lines.Add(chunk, n);
   lines.Flush();
 }
 
-void* mod_generalHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_GENERAL, &ch) < 0) wd_threadExit(MOD_GENERAL, 0, nullptr);
-  char lastRun[kCommandSize] = {0};
-  wd_modLoop(&ch, kText, OnEvent, lastRun);
-  wd_threadExit(MOD_GENERAL, 0, &ch);
-}
+const wdModDesc kGeneralModule = {
+    MOD_GENERAL,
+    "/var/wd_general.chanl",
+    {nullptr, nullptr, nullptr},  // no configured period
+    {wd_startAlways, nullptr},
+    {0, 0},  // no data record
+    {mod_generalHandler, &kText, nullptr, OnEvent, nullptr},
+    {WD_MOD_TIMER_NONE, 0, false},
+};
+
+void* mod_generalHandler(void* arg) { wd_runModule(kGeneralModule, arg); }

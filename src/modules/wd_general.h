@@ -7,6 +7,10 @@
 #ifndef WATCHDOGD_MODULES_WD_GENERAL_H
 #define WATCHDOGD_MODULES_WD_GENERAL_H
 
+#include <stdio.h>
+
+#include "wd_modthread.h"
+
 // How long a command may run before it is stopped, in seconds.
 #define WD_SHELL_TIME_LIMIT 120
 
@@ -24,7 +28,11 @@ void executeShellCommand(const char* command);
 // is stopped with all it started, and the debug console says so (wd_run); the
 // lines it printed until then are reported. At most 64 KiB of output is read.
 void mod_generalRun(const char* command, int limitSeconds);
-// Thread body of MOD_GENERAL.
+// Reports the output of `command` read from `output` to its end, as the
+// runner does (in 512-byte reads).
+void mod_generalReport(const char* command, FILE* output);
+extern const wdModDesc kGeneralModule;
+// The module's thread body.
 void* mod_generalHandler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_GENERAL_H

@@ -1,12 +1,12 @@
 // The IGMP module: keeps a periodic timer of "Period" of "Watchdog_IGMP"
 // seconds and follows changes of it. Its expiries carry no work and it makes
 // no reports; it only traces them.
+#include "wd_igmp.h"
+
 #include <string.h>
 
 #include "tcapi.h"
 #include "wd_base.h"
-#include "wd_modthread.h"
-#include "wd_modules.h"
 #include "wd_timer.h"
 
 namespace {
@@ -44,8 +44,8 @@ void OnConfigChange(int* timerId) {
   }
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
-  int* timerId = static_cast<int*>(ctx);
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
+  int* timerId = &run->timerId;
   switch (msg->eventType) {
     case CONFIG_CHANGE:
       OnConfigChange(timerId);
@@ -63,10 +63,14 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
 
 }  // namespace
 
-void* mod_igmpHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_IGMP, &ch) < 0) wd_threadExit(MOD_IGMP, 0, nullptr);
-  int timerId = wd_startModTimer(MOD_IGMP);
-  wd_modLoop(&ch, kText, OnEvent, &timerId);
-  wd_threadExit(MOD_IGMP, timerId, &ch);
-}
+const wdModDesc kIgmpModule = {
+    MOD_IGMP,
+    "/var/wd_igmp.chanl",
+    {"Watchdog_IGMP", "Period", nullptr},
+    {wd_startAlways, nullptr},
+    {0, 0},  // no data record
+    {mod_igmpHandler, &kText, nullptr, OnEvent, nullptr},
+    {WD_MOD_TIMER_PERIOD, 0, false},
+};
+
+void* mod_igmpHandler(void* arg) { wd_runModule(kIgmpModule, arg); }

@@ -26,7 +26,6 @@ constexpr int kRouteSeconds = 20;
 constexpr size_t kRouteOutputMax = 64 * 1024;  // some 800 routes
 
 struct IpRoute {
-  int timerId;        // the periodic report timer; 0 while none is armed
   pthread_t monitor;  // the monitor thread, when `monitoring`
   bool monitoring;
 };
@@ -51,7 +50,7 @@ void JoinMonitor(IpRoute* r) {
   r->monitoring = false;
 }
 
-void OnConfigChange(IpRoute* r) {
+void OnConfigChange(IpRoute* r, int* timerId) {
   char mode[16] = {0};
   char timer[16] = {0};
   char query[16] = {0};
@@ -73,11 +72,11 @@ void OnConfigChange(IpRoute* r) {
     }
   }
   if (periodic) {
-    wd_changeModPeriod(MOD_IP_ROUTE, wd_parseSetting(kNode, "Timer", timer), &r->timerId);
+    wd_changeModPeriod(MOD_IP_ROUTE, wd_parseSetting(kNode, "Timer", timer), timerId);
   } else if (monitored) {
     gSubMod[MOD_IP_ROUTE].timer = 0;
-    if (r->timerId != 0) wd_timerPStop(r->timerId);
-    r->timerId = 0;
+    if (*timerId != 0) wd_timerPStop(*timerId);
+    *timerId = 0;
     if (!r->monitoring) {
       if (wd_createThread(&r->monitor, monitorRouteTable, nullptr) == 0) {
         r->monitoring = true;
@@ -93,14 +92,14 @@ void OnConfigChange(IpRoute* r) {
   }
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
-  IpRoute* r = static_cast<IpRoute*>(ctx);
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
+  IpRoute* r = wd_modState<IpRoute>(run);
   switch (msg->eventType) {
     case TIMER_EXPIRED:
       parserRouteTable();
       break;
     case CONFIG_CHANGE:
-      OnConfigChange(r);
+      OnConfigChange(r, &run->timerId);
       break;
     case THREAD_EXIT:
       if (keepRunThread.load(std::memory_order_relaxed) == 1) {
@@ -114,6 +113,24 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
   }
   return WD_LOOP_CONTINUE;
 }
+
+bool StartRule(uint32_t* period) {
+  char value[32];
+  char mode[8];
+  memset(value, 0, sizeof value);
+  memset(mode, 0, sizeof mode);
+  tcapi_get(kNode, "Timer", value);
+  tcapi_get(kNode, "Mode", mode);
+  if (wd_settingUnset(mode)) {
+    tcdbg_printf("\r\nget route Timer error!\r\n");
+    tcdbg_printf("\r\ncreate MOD_IP_ROUTE thread fail!\r\n");
+    return false;
+  }
+  if (strcmp(mode, "1") == 0 && value[0] != '\0') *period = wd_parseUnsigned(value);
+  return true;
+}
+
+void Init(wdModRun* run) { wd_initIpRoute(&run->timerId); }
 
 }  // namespace
 
@@ -129,7 +146,7 @@ void mod_routeReport(FILE* route) {
     char text[256];
     snprintf(text, sizeof text, "%s|%s|%s|%s|%s|%s|%s|%s", c[0], c[1], c[2], c[3], c[4], c[5], c[6],
              c[7]);
-    if (wd_syslogStr(16, text) != 0) tcdbg_printf("Error: wd_syslogStr fail.");
+    if (wd_syslogStr(WD_CAT_ROUTE, text) != 0) tcdbg_printf("Error: wd_syslogStr fail.");
   }
 }
 
@@ -184,15 +201,18 @@ int wd_initIpRoute(int* timerId) {
     tcdbg_printf("\r\n wd_initIpRoute get route fail\r\n");
     return -1;
   }
-  if (strcmp(mode, "1") == 0) *timerId = wd_startModTimer(MOD_IP_ROUTE);
+  if (strcmp(mode, "1") == 0) *timerId = wd_startModTimer(kIpRouteModule);
   return 0;
 }
 
-void* mod_ipRouteHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_IP_ROUTE, &ch) < 0) wd_threadExit(MOD_IP_ROUTE, 0, nullptr);
-  IpRoute r = {};
-  wd_initIpRoute(&r.timerId);
-  wd_modLoop(&ch, kText, OnEvent, &r);
-  wd_threadExit(MOD_IP_ROUTE, r.timerId, &ch);
-}
+const wdModDesc kIpRouteModule = {
+    MOD_IP_ROUTE,
+    "/var/wd_ip_route.chanl",
+    {kNode, "Timer", nullptr},
+    {StartRule, "route thread ret=%d!"},
+    {0, 0},  // no data record
+    {mod_ipRouteHandler, &kText, Init, OnEvent, nullptr},
+    {WD_MOD_TIMER_NONE, 0, false},  // Init arms it in mode "1"
+};
+
+void* mod_ipRouteHandler(void* arg) { wd_runModule(kIpRouteModule, arg); }

@@ -15,6 +15,7 @@
 #include <atomic>
 
 #include "wd_lock.h"
+#include "wd_modthread.h"
 
 // 1 while the monitor thread is to keep running. Written only by the module
 // thread, under thread_mutex; read by the monitor thread between polls.
@@ -40,7 +41,8 @@ int loop(int fd, struct sockaddr_nl* addr);
 // Start-up: in mode "1" arms the periodic timer and stores its id in
 // *timerId. 0, or -1 when "Mode" could not be fetched.
 int wd_initIpRoute(int* timerId);
-// Thread body of MOD_IP_ROUTE.
+extern const wdModDesc kIpRouteModule;
+// The module's thread body.
 void* mod_ipRouteHandler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_IPROUTE_H

@@ -1,5 +1,6 @@
-// Module threads: the module table's initialisation, the start-up rules, the
-// start and the end of a module thread, and the common module loop.
+// Module threads: the module table's initialisation, the start-up walk of the
+// descriptors, the one module thread body, the start and the end of a module
+// thread, and the common module loop.
 //
 // Threads: the main thread starts module threads (start-up, command type 2);
 // each module thread ends itself. gStartLock orders the storing of a new
@@ -13,20 +14,29 @@
 #include <string.h>
 #include <sys/socket.h>
 
-#include <initializer_list>
-
 #include "libwdfunc.h"
 #include "tcapi.h"
 #include "wd_base.h"
 #include "wd_lock.h"
-#include "wd_modules.h"
 #include "wd_timer.h"
 
 namespace {
 
 wdMutex gStartLock = PTHREAD_MUTEX_INITIALIZER;
 
-bool Unset(const char* value) { return value[0] == '\0' || strcmp(value, "0") == 0; }
+// The table handed down by main, in start-up order, and its descriptors by id.
+// Written once before any module thread starts.
+const wdModDesc* const* gTable = nullptr;
+size_t gTableCount = 0;
+const wdModDesc* gById[WD_MOD_NUM];
+
+// MOD_DEFAULT has no module; its entry keeps the path it has always had.
+constexpr const char* kDefaultChanlPath = "/var/wd_default.chanl";
+
+wdLoopAction Dispatch(wdMsg* msg, void* ctx) {
+  wdModRun* run = static_cast<wdModRun*>(ctx);
+  return run->desc->thread.event(msg, run);
+}
 
 [[noreturn]] void EndModule(uint8_t modId, wdChanl* ch) {
   wdSubModEntry& entry = gSubMod[modId];
@@ -44,13 +54,52 @@ bool Unset(const char* value) { return value[0] == '\0' || strcmp(value, "0") ==
 
 }  // namespace
 
+bool wd_startAlways(uint32_t*) { return true; }
+
+bool wd_settingUnset(const char* value) { return value[0] == '\0' || strcmp(value, "0") == 0; }
+
+void wd_setModTable(const wdModDesc* const* table, size_t count) {
+  gTable = table;
+  gTableCount = count;
+  for (auto& d : gById) d = nullptr;
+  for (size_t i = 0; i < count; ++i) {
+    if (table[i]->id < WD_MOD_NUM) gById[table[i]->id] = table[i];
+  }
+}
+
+const wdModDesc* wd_findMod(unsigned modId) { return modId < WD_MOD_NUM ? gById[modId] : nullptr; }
+
 int wd_initSubModData(void) {
   for (int id = 0; id < MOD_MSG_RESEND; ++id) {
-    snprintf(gSubMod[id].chanlPath, WD_CHANL_PATH_SIZE, "%s", kModDefs[id].chanlPath);
-    gSubMod[id].handler = kModDefs[id].handler;
+    const wdModDesc* d = gById[id];
+    const char* path = id == MOD_DEFAULT ? kDefaultChanlPath : d != nullptr ? d->chanlPath : "";
+    snprintf(gSubMod[id].chanlPath, WD_CHANL_PATH_SIZE, "%s", path);
+    gSubMod[id].handler = d != nullptr ? d->thread.handler : nullptr;
     if (id > 0) gSubMod[id].timer = 0;
   }
   return 0;
+}
+
+void wd_runModule(const wdModDesc& desc, void* arg) {
+  wdModRun run;
+  memset(&run, 0, sizeof run);
+  run.desc = &desc;
+  run.arg = arg;
+  if (wd_chanlOpen(desc.id, &run.ch) < 0) {
+    if (desc.timer.oneShot) wd_pppthreadExit(desc.id, 0, nullptr);
+    wd_threadExit(desc.id, 0, nullptr);
+  }
+  if (desc.thread.init != nullptr) desc.thread.init(&run);
+  if (desc.timer.kind == WD_MOD_TIMER_PERIOD) {
+    run.timerId = wd_startModTimer(desc);
+  } else if (desc.timer.kind == WD_MOD_TIMER_FIXED) {
+    run.timerId = wd_setDefaultPTimer(desc.timer.fixedMs, desc.id);
+    if (run.timerId < 0) run.timerId = 0;
+  }
+  wd_modLoop(&run.ch, *desc.thread.text, Dispatch, &run);
+  if (desc.thread.exit != nullptr) desc.thread.exit(&run);
+  if (desc.timer.oneShot) wd_pppthreadExit(desc.id, run.timerId, &run.ch);
+  wd_threadExit(desc.id, run.timerId, &run.ch);
 }
 
 int wd_startModThread(int modId) {
@@ -70,128 +119,32 @@ int wd_startModThread(int modId) {
 int wd_creatModThreads(void) {
   if (!wd_isWdEnable()) return 0;
   int ret = 0;
-  char value[32];
-  char second[32];
-
-  memset(value, 0, sizeof value);
-  if (tcapi_get("Watchdog_PPP", "Timer", value) != 0) {
-    tcdbg_printf("\r\nget pppoe timer error!\r\n");
-    tcdbg_printf("\r\ncreate MOD_PPPOE thread fail!\r\n");
-  } else if (Unset(value)) {
-    tcdbg_printf("\r\npppObj->timer error!\r\n");
-  } else {
-    WD_TRACE("ppptimer=%s", value);
-    gSubMod[MOD_PPPOE].timer = wd_parseUnsigned(value);
-    ret = wd_startModThread(MOD_PPPOE);
-    WD_TRACE("ppp thread ret=%d!", ret);
+  for (size_t i = 0; i < gTableCount; ++i) {
+    const wdModDesc& d = *gTable[i];
+    wdSubModEntry& entry = gSubMod[d.id];
+    uint32_t period = entry.timer;
+    if (d.start.rule == nullptr || !d.start.rule(&period)) continue;
+    entry.timer = period;
+    ret = wd_startModThread(d.id);
+    if (d.start.startedTrace != nullptr) WD_TRACE(d.start.startedTrace, ret);
   }
-
-  memset(value, 0, sizeof value);
-  memset(second, 0, sizeof second);
-  if (tcapi_get("Watchdog_TR069", "RegisterTimer", value) != 0) {
-    tcdbg_printf("\r\nget tr069 RegisterTimer error!\r\n");
-    tcdbg_printf("\r\ncreate MOD_TR069 thread fail!\r\n");
-  } else {
-    tcdbg_printf("\r\ntr069Obj->registerTimer = %s\r\n", value);
-    tcapi_get("Watchdog_TR069", "PITimer", second);
-    if (Unset(value) || Unset(second)) {
-      tcdbg_printf("\r\ntr069Obj->registerTimer error!\r\n");
-    } else {
-      WD_TRACE("tr069Obj->registerTimer and tr069Obj->PITimer are not 0, So start TR069 modurle");
-      gSubMod[MOD_TR069].timer = wd_parseUnsigned(value);
-      ret = wd_startModThread(MOD_TR069);
-      WD_TRACE("tr069 thread ret=%d!", ret);
-    }
-  }
-
-  memset(value, 0, sizeof value);
-  if (tcapi_get("Watchdog_ARP", "Timer", value) != 0) {
-    tcdbg_printf("\r\nget arp Timer error!\r\n");
-    tcdbg_printf("\r\ncreate MOD_ARP thread fail!\r\n");
-  } else if (Unset(value)) {
-    tcdbg_printf("\r\narpObj->timer error!\r\n");
-  } else {
-    WD_TRACE("arpObj->timer is not 0, So start ARP modurle");
-    gSubMod[MOD_ARP].timer = wd_parseUnsigned(value);
-    ret = wd_startModThread(MOD_ARP);
-    WD_TRACE("arp thread ret=%d!", ret);
-  }
-
-  memset(value, 0, sizeof value);
-  if (tcapi_get("Watchdog_WDInfo", "Timer", value) != 0) {
-    tcdbg_printf("\r\nget info Timer error!\r\n");
-    tcdbg_printf("\r\ncreate MOD_PERIODIC_INFO thread fail!\r\n");
-  } else {
-    WD_TRACE("infoObj->timer = %s", value);
-    if (Unset(value)) {
-      tcdbg_printf("\r\ninfoObj->timer error!\r\n");
-    } else {
-      gSubMod[MOD_PERIODIC_INFO].timer = wd_parseUnsigned(value);
-      ret = wd_startModThread(MOD_PERIODIC_INFO);
-      WD_TRACE("info thread ret=%d!", ret);
-    }
-  }
-
-  char mode[8];
-  memset(value, 0, sizeof value);
-  memset(mode, 0, sizeof mode);
-  tcapi_get("Watchdog_Route", "Timer", value);
-  tcapi_get("Watchdog_Route", "Mode", mode);
-  if (Unset(mode)) {
-    tcdbg_printf("\r\nget route Timer error!\r\n");
-    tcdbg_printf("\r\ncreate MOD_IP_ROUTE thread fail!\r\n");
-  } else {
-    if (strcmp(mode, "1") == 0 && value[0] != '\0') {
-      gSubMod[MOD_IP_ROUTE].timer = wd_parseUnsigned(value);
-    }
-    ret = wd_startModThread(MOD_IP_ROUTE);
-    WD_TRACE("route thread ret=%d!", ret);
-  }
-
-  memset(value, 0, sizeof value);
-  if (tcapi_get("Watchdog_VoIPStatus", "RegisterTimer", value) != 0) {
-    tcdbg_printf("get voipstatus registerTimer error!");
-    tcdbg_printf("create MOD_VOIP_REGISTER thread fail!\r\n");
-  } else {
-    WD_TRACE("voipStatusObj->registerTimer = %s", value);
-    if (Unset(value)) {
-      tcdbg_printf("voipStatusObj->registerTimer error!");
-    } else {
-      tcdbg_printf("voipStatusObj->registerTimer is not 0, So start Voip register modurle");
-      gSubMod[MOD_VOIP_REGISTER].timer = wd_parseUnsigned(value);
-      ret = wd_startModThread(MOD_VOIP_REGISTER);
-    }
-  }
-
-  for (int id : {MOD_IGMP, MOD_VOIP_STATS, MOD_MONITOR, MOD_GENERAL}) ret = wd_startModThread(id);
   return ret;
 }
 
 uint32_t wd_updateModTimer(uint8_t modId) {
-  static const struct {
-    const char* node;
-    const char* attr;
-  } kTimerAttr[] = {{nullptr, nullptr},
-                    {"Watchdog_PPP", "Timer"},
-                    {"Watchdog_TR069", "RegisterTimer"},
-                    {"Watchdog_ARP", "Timer"},
-                    {"Watchdog_Route", "Timer"},
-                    {"Watchdog_WDInfo", "Timer"},
-                    {"Watchdog_IGMP", "Period"},
-                    {"Watchdog_VoIPStats", "Period"},
-                    {"Watchdog_VoIPStatus", "RegisterTimer"}};
-  if (modId < MOD_PPPOE || modId > MOD_VOIP_REGISTER) {
+  const wdModDesc* d = wd_findMod(modId);
+  if (d == nullptr || d->period.attr == nullptr) {
     tcdbg_printf("\r\n Mode is error\r\n ");
     return 0;
   }
+  return wd_modPeriod(*d);
+}
+
+uint32_t wd_modPeriod(const wdModDesc& desc) {
+  if (desc.period.on != nullptr && !desc.period.on()) return 0;
   char value[16];
-  if (modId == MOD_VOIP_STATS) {
-    memset(value, 0, sizeof value);
-    tcapi_get("Watchdog_VoIPStats", "Mode", value);
-    if (strcmp(value, "2") != 0) return 0;
-  }
   memset(value, 0, sizeof value);
-  tcapi_get(kTimerAttr[modId].node, kTimerAttr[modId].attr, value);
+  tcapi_get(desc.period.node, desc.period.attr, value);
   return wd_parseUnsigned(value);
 }
 
@@ -204,6 +157,12 @@ int wd_startModTimer(uint8_t modId) {
   wdSubModEntry& entry = gSubMod[modId];
   if (entry.timer == 0) entry.timer = wd_updateModTimer(modId);
   return entry.timer != 0 ? wd_startModPTimer(modId, entry.timer) : 0;
+}
+
+int wd_startModTimer(const wdModDesc& desc) {
+  wdSubModEntry& entry = gSubMod[desc.id];
+  if (entry.timer == 0) entry.timer = wd_modPeriod(desc);
+  return entry.timer != 0 ? wd_startModPTimer(desc.id, entry.timer) : 0;
 }
 
 int wd_changeModPeriod(uint8_t modId, uint32_t period, int* timerId) {

@@ -66,7 +66,7 @@ const wdModLoopText kText = {
     {"Receieved 0 bytes!", WD_SAY_TRACE},
 };
 
-wdLoopAction OnEvent(wdMsg* msg, void*) {
+wdLoopAction OnEvent(wdMsg* msg, wdModRun*) {
   switch (msg->eventType) {
     case TIMER_EXPIRED:
       mod_monitorCycle();
@@ -80,6 +80,14 @@ wdLoopAction OnEvent(wdMsg* msg, void*) {
       break;  // MONITOR_DATA among them: received and dropped
   }
   return WD_LOOP_CONTINUE;
+}
+
+// Arms the check timer of the period the init set.
+void Init(wdModRun* run) {
+  wdmod_monitorHandler_init();
+  run->timerId =
+      wd_setDefaultPTimer(static_cast<int>(gWdModMonitor.checkPeriod * 1000), MOD_MONITOR);
+  if (run->timerId < 0) run->timerId = 0;
 }
 
 }  // namespace
@@ -113,16 +121,17 @@ void mod_monitorCycle(void) {
 void wdmod_monitorSyslog(const char* name) {
   char text[64];
   snprintf(text, sizeof text, "%s|%s", name, "Internal error");
-  wd_syslogStr(10, text);
+  wd_syslogStr(WD_CAT_PS, text);
 }
 
-void* mod_monitorHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_MONITOR, &ch) < 0) wd_threadExit(MOD_MONITOR, 0, nullptr);
-  wdmod_monitorHandler_init();
-  int timerId =
-      wd_setDefaultPTimer(static_cast<int>(gWdModMonitor.checkPeriod * 1000), MOD_MONITOR);
-  if (timerId < 0) timerId = 0;
-  wd_modLoop(&ch, kText, OnEvent, nullptr);
-  wd_threadExit(MOD_MONITOR, timerId, &ch);
-}
+const wdModDesc kMonitorModule = {
+    MOD_MONITOR,
+    "/var/wd_monitor.chanl",
+    {nullptr, nullptr, nullptr},  // no configured period
+    {wd_startAlways, nullptr},
+    {MONITOR_DATA, 8},  // an 8-byte record, received and dropped
+    {mod_monitorHandler, &kText, Init, OnEvent, nullptr},
+    {WD_MOD_TIMER_NONE, 0, false},  // Init arms it
+};
+
+void* mod_monitorHandler(void* arg) { wd_runModule(kMonitorModule, arg); }

@@ -6,6 +6,8 @@
 
 #include <stdint.h>
 
+#include "wd_modthread.h"
+
 typedef struct wdModMonitor {
   uint32_t checkPeriod;  // seconds between check cycles
   uint32_t watchedMask;  // 1 udhcpd, 2 mini_httpd, 4 pppd
@@ -31,7 +33,8 @@ void wdmod_monitorTimerExpire(MonitorCheckResult* result);
 void mod_monitorCycle(void);
 // Reports "NAME|Internal error" in category ps.
 void wdmod_monitorSyslog(const char* name);
-// Thread body of MOD_MONITOR.
+extern const wdModDesc kMonitorModule;
+// The module's thread body.
 void* mod_monitorHandler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_MONITOR_H

@@ -1,12 +1,15 @@
 // The periodic info module: on each expiry of its periodic timer it runs the
 // status collectors that the verbosity mask selects.
+#include "wd_periodicinfo.h"
+
+#include <string.h>
+
 #include "tcapi.h"
 #include "wd_base.h"
-#include "wd_modthread.h"
 #include "wd_status.h"
 #include "wd_timer.h"
 
-uint32_t displayLevel = 15;
+uint32_t displayLevel = WD_INFO_ALL;
 
 namespace {
 
@@ -36,13 +39,13 @@ void OnConfigChange(int* timerId) {
   if (level != displayLevel) displayLevel = level;
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
   switch (msg->eventType) {
     case TIMER_EXPIRED:
       mod_periodicInfoReport(displayLevel);
       break;
     case CONFIG_CHANGE:
-      OnConfigChange(static_cast<int*>(ctx));
+      OnConfigChange(&run->timerId);
       break;
     case THREAD_EXIT:
       return WD_LOOP_EXIT;
@@ -52,19 +55,26 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
   return WD_LOOP_CONTINUE;
 }
 
-}  // namespace
-
-void mod_periodicInfoReport(uint32_t mask) {
-  if (mask & 8) showProcessStatus();
-  if (mask & 2) showConnectionStatus();
-  if (mask & 4) showPacketCounter();
-  if (mask & 1) showGeneralStatus();
+bool StartRule(uint32_t* period) {
+  char value[32];
+  memset(value, 0, sizeof value);
+  if (tcapi_get(kNode, "Timer", value) != 0) {
+    tcdbg_printf("\r\nget info Timer error!\r\n");
+    tcdbg_printf("\r\ncreate MOD_PERIODIC_INFO thread fail!\r\n");
+    return false;
+  }
+  WD_START_TRACE("infoObj->timer = %s", value);
+  if (wd_settingUnset(value)) {
+    tcdbg_printf("\r\ninfoObj->timer error!\r\n");
+    return false;
+  }
+  *period = wd_parseUnsigned(value);
+  return true;
 }
 
-void* mod_periodicInfoHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_PERIODIC_INFO, &ch) < 0) wd_threadExit(MOD_PERIODIC_INFO, 0, nullptr);
-  int timerId = wd_startModTimer(MOD_PERIODIC_INFO);
+// Arms the timer first, then reads the verbosity.
+void Init(wdModRun* run) {
+  run->timerId = wd_startModTimer(kPeriodicInfoModule);
   char verbosity[16] = {0};
   if (tcapi_get(kNode, "Verbosity", verbosity) == 0) {
     uint32_t level = wd_parseSetting(kNode, "Verbosity", verbosity);
@@ -72,6 +82,25 @@ void* mod_periodicInfoHandler(void*) {
   } else {
     tcdbg_printf("get WDInfo Verbosity  fail\r\n");
   }
-  wd_modLoop(&ch, kText, OnEvent, &timerId);
-  wd_threadExit(MOD_PERIODIC_INFO, timerId, &ch);
 }
+
+}  // namespace
+
+void mod_periodicInfoReport(uint32_t mask) {
+  if (mask & WD_INFO_PROCESSES) showProcessStatus();
+  if (mask & WD_INFO_CONNECTIONS) showConnectionStatus();
+  if (mask & WD_INFO_COUNTERS) showPacketCounter();
+  if (mask & WD_INFO_GENERAL) showGeneralStatus();
+}
+
+const wdModDesc kPeriodicInfoModule = {
+    MOD_PERIODIC_INFO,
+    "/var/wd_periodic_info.chanl",
+    {kNode, "Timer", nullptr},
+    {StartRule, "info thread ret=%d!"},
+    {0, 0},  // no data record
+    {mod_periodicInfoHandler, &kText, Init, OnEvent, nullptr},
+    {WD_MOD_TIMER_NONE, 0, false},  // Init arms the configured period
+};
+
+void* mod_periodicInfoHandler(void* arg) { wd_runModule(kPeriodicInfoModule, arg); }

@@ -116,14 +116,6 @@ FILE* RunInto(const std::vector<const char*>& argv, int seconds, const char* fil
   return out.file;
 }
 
-// True when `passes` holds for any line of `f`, read with 512-byte lines.
-bool AnyLine(FILE* f, int (*passes)(const char*)) {
-  char line[512];
-  bool passed = false;
-  while (fgets(line, sizeof line, f) != nullptr) passed = passed || passes(line);
-  return passed;
-}
-
 // The words of a configured value, split on blanks as a shell splits them.
 std::vector<std::string> Words(const char* value) {
   std::vector<std::string> words;
@@ -161,7 +153,7 @@ int Stage(std::vector<const char*> argv, int seconds, const char* what, const ch
     unlink(file);
     return -1;
   }
-  bool passed = AnyLine(f, passes);
+  bool passed = mod_pppoe_outputPassed(f, passes) != 0;
   fclose(f);
   if (passed) {
     *(kind == WD_PPP_PING ? &Ping_fail_times : &dns_fail_times) = 0;
@@ -225,7 +217,7 @@ void mod_pppoe_AlarmSyslog(const char* name) {
            interface_status[0] ? interface_status : "null", addr_backup[0] ? addr_backup : "null",
            addr_6backup[0] ? addr_6backup : "null");
   WD_TRACE("syslogstr=%s", line);
-  wd_syslogStr(6, line);
+  wd_syslogStr(WD_CAT_PPP, line);
 }
 
 void mod_pppoe_scanLink(FILE* f, wdPppLinkScan* scan) {
@@ -248,6 +240,13 @@ int mod_pppoe_pingLinePassed(const char* line) {
 }
 
 int mod_pppoe_lookupLinePassed(const char* line) { return strstr(line, "Address") != nullptr; }
+
+int mod_pppoe_outputPassed(FILE* f, int (*passes)(const char*)) {
+  char line[512];
+  bool passed = false;
+  while (fgets(line, sizeof line, f) != nullptr) passed = passed || passes(line);
+  return passed ? 1 : 0;
+}
 
 void mod_pppoe_TimerExpire(void) {
   // Link stage.
@@ -297,8 +296,9 @@ void mod_pppoe_TimerExpire(void) {
 
 namespace {
 
-struct PppLoop {
-  int checkTimer;  // the one-shot check timer, 0 when none runs
+// The module's state; the one-shot check timer is the run's timerId.
+struct Ppp {
+  int dailyTimer;  // the daily reset timer, 0 or less when none runs
 };
 
 const wdModLoopText kText = {
@@ -310,14 +310,14 @@ const wdModLoopText kText = {
     {"Receieved 0 bytes!", WD_SAY_TRACE},
 };
 
-void ArmCheck(PppLoop* loop) {
+void ArmCheck(int* checkTimer) {
   uint32_t period = gSubMod[MOD_PPPOE].timer;
-  loop->checkTimer = period != 0 ? wd_setDefaultTimer(wd_periodMs(period), MOD_PPPOE) : 0;
-  if (loop->checkTimer < 0) loop->checkTimer = 0;
+  *checkTimer = period != 0 ? wd_setDefaultTimer(wd_periodMs(period), MOD_PPPOE) : 0;
+  if (*checkTimer < 0) *checkTimer = 0;
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
-  PppLoop* loop = static_cast<PppLoop*>(ctx);
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
+  int* checkTimer = &run->timerId;
   switch (msg->eventType) {
     case CONFIG_CHANGE: {
       char timer[16] = {0};
@@ -327,9 +327,9 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
       }
       uint32_t period = wd_parseUnsigned(timer);
       if (period != gSubMod[MOD_PPPOE].timer) {
-        wd_timerStop(loop->checkTimer);
+        wd_timerStop(*checkTimer);
         gSubMod[MOD_PPPOE].timer = period;
-        ArmCheck(loop);
+        ArmCheck(checkTimer);
       }
       StoreConfig(timer);
       tcdbg_printf("\r\nppp_config.PingIP=%s,ppp_config.LookupDomain=%s\n", ppp_config.PingIP,
@@ -338,8 +338,8 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
     }
     case TIMER_EXPIRED:
       // Re-armed before the cycle: the period runs from expiry to expiry.
-      wd_timerStop(loop->checkTimer);
-      ArmCheck(loop);
+      wd_timerStop(*checkTimer);
+      ArmCheck(checkTimer);
       mod_pppoe_TimerExpire();
       break;
     case THREAD_EXIT:
@@ -355,19 +355,49 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
   return WD_LOOP_CONTINUE;
 }
 
-}  // namespace
+bool StartRule(uint32_t* period) {
+  char value[32];
+  memset(value, 0, sizeof value);
+  if (tcapi_get("Watchdog_PPP", "Timer", value) != 0) {
+    tcdbg_printf("\r\nget pppoe timer error!\r\n");
+    tcdbg_printf("\r\ncreate MOD_PPPOE thread fail!\r\n");
+    return false;
+  }
+  if (wd_settingUnset(value)) {
+    tcdbg_printf("\r\npppObj->timer error!\r\n");
+    return false;
+  }
+  WD_START_TRACE("ppptimer=%s", value);
+  *period = wd_parseUnsigned(value);
+  return true;
+}
 
-void* mod_pppoeHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_PPPOE, &ch) < 0) wd_pppthreadExit(MOD_PPPOE, 0, nullptr);
+// Reads the configuration, then arms the one-shot check timer of the period
+// and the daily reset timer.
+void Init(wdModRun* run) {
   mod_pppoe_config_init();
   wdSubModEntry& entry = gSubMod[MOD_PPPOE];
-  if (entry.timer == 0) entry.timer = wd_updateModTimer(MOD_PPPOE);
-  PppLoop loop = {0};
-  ArmCheck(&loop);
-  int dailyTimer = wd_setPPPTimer(kDailyMs, MOD_PPPOE);
-  wd_modLoop(&ch, kText, OnEvent, &loop);
-  // A restarted module arms its own daily timer; this one must not live on.
-  if (dailyTimer > 0) wd_timerPStop(dailyTimer);
-  wd_pppthreadExit(MOD_PPPOE, loop.checkTimer, &ch);
+  if (entry.timer == 0) entry.timer = wd_modPeriod(kPppoeModule);
+  ArmCheck(&run->timerId);
+  wd_modState<Ppp>(run)->dailyTimer = wd_setPPPTimer(kDailyMs, MOD_PPPOE);
 }
+
+// A restarted module arms its own daily timer; this one must not live on.
+void Exit(wdModRun* run) {
+  int dailyTimer = wd_modState<Ppp>(run)->dailyTimer;
+  if (dailyTimer > 0) wd_timerPStop(dailyTimer);
+}
+
+}  // namespace
+
+const wdModDesc kPppoeModule = {
+    MOD_PPPOE,
+    "/var/wd_pppoe.chanl",
+    {"Watchdog_PPP", "Timer", nullptr},
+    {StartRule, "ppp thread ret=%d!"},
+    {0, 0},  // no data record
+    {mod_pppoeHandler, &kText, Init, OnEvent, Exit},
+    {WD_MOD_TIMER_NONE, 0, true},  // Init arms the one-shot check timer
+};
+
+void* mod_pppoeHandler(void* arg) { wd_runModule(kPppoeModule, arg); }

@@ -9,6 +9,8 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include "wd_modthread.h"
+
 typedef struct wdPppConfig {
   uint32_t Timer;          // check period in seconds as configured
   uint32_t AlertAfter;     // failed checks of a kind tolerated before acting
@@ -34,7 +36,8 @@ void mod_pppoe_reset_ppp(void);
 void mod_pppoe_AlarmSyslog(const char* name);
 // One check cycle; blocks the module thread for up to half a minute and more.
 void mod_pppoe_TimerExpire(void);
-// Thread body of MOD_PPPOE.
+extern const wdModDesc kPppoeModule;
+// The module's thread body.
 void* mod_pppoeHandler(void* arg);
 
 // ---- Pieces of the check cycle ----
@@ -57,5 +60,8 @@ int mod_pppoe_isPrivate(const char* ipv4);
 int mod_pppoe_pingLinePassed(const char* line);
 // A line of nslookup's output that shows an address.
 int mod_pppoe_lookupLinePassed(const char* line);
+// 1 when `passes` holds for any line of a tool's output `f`, read to its end
+// in 512-byte lines as a stage reads it; else 0.
+int mod_pppoe_outputPassed(FILE* f, int (*passes)(const char*));
 
 #endif  // WATCHDOGD_MODULES_WD_PPPOE_H

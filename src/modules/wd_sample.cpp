@@ -1,10 +1,10 @@
 // The sample module: the common module loop in its plainest form. It traces
 // every event it receives and handles none, so THREAD_EXIT does not end it.
+#include "wd_sample.h"
+
 #include <stdint.h>
 
 #include "wd_base.h"
-#include "wd_modthread.h"
-#include "wd_modules.h"
 
 namespace {
 
@@ -17,7 +17,7 @@ const wdModLoopText kText = {
     {"Receieved 0 bytes!\n", WD_SAY_TRACE},
 };
 
-wdLoopAction OnMsg(wdMsg* msg, void* ctx) {
+wdLoopAction OnMsg(wdMsg* msg, wdModRun* run) {
   if (msg->datalen != 0) {
     WD_TRACE_AS("mod_sampleHandler", "MOD_SAMPLE Received wdMsg, dst#%d#, data#%.*s#\n",
                 msg->destMod, WD_MSG_DATA_SIZE, msg->data);
@@ -26,16 +26,20 @@ wdLoopAction OnMsg(wdMsg* msg, void* ctx) {
                 msg->eventType);
   }
   struct timeval tv;
-  wd_initTimeVal(&tv, *static_cast<int*>(ctx));
+  wd_initTimeVal(&tv, static_cast<int>(reinterpret_cast<intptr_t>(run->arg)));
   return WD_LOOP_CONTINUE;
 }
 
 }  // namespace
 
-void* mod_sampleHandler(void* arg) {
-  int seconds = static_cast<int>(reinterpret_cast<intptr_t>(arg));
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_SAMPLE, &ch) < 0) wd_threadExit(MOD_SAMPLE, 0, nullptr);
-  wd_modLoop(&ch, kText, OnMsg, &seconds);
-  wd_threadExit(MOD_SAMPLE, 0, &ch);
-}
+const wdModDesc kSampleModule = {
+    MOD_SAMPLE,
+    "/var/wd_smple.chanl",
+    {nullptr, nullptr, nullptr},  // no configured period
+    {nullptr, nullptr},           // started only by command
+    {0, 0},                       // no data record
+    {mod_sampleHandler, &kText, nullptr, OnMsg, nullptr},
+    {WD_MOD_TIMER_NONE, 0, false},
+};
+
+void* mod_sampleHandler(void* arg) { wd_runModule(kSampleModule, arg); }

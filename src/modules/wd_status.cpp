@@ -115,7 +115,7 @@ void showProcessStatus(void) {
   char text[kLine];
   mod_processStatusText(out.file, text, sizeof text);
   Close(out.file);
-  if (!stopped) wd_syslogStr(2, text);
+  if (!stopped) wd_syslogStr(WD_CAT_INFPRC, text);
 }
 
 int mod_connectionStatusText(FILE* conntrack, char* out, size_t size) {
@@ -148,7 +148,7 @@ void showConnectionStatus(void) {
   char text[kLine];
   int ok = mod_connectionStatusText(f, text, sizeof text);
   Close(f);
-  if (ok) wd_syslogStr(4, text);
+  if (ok) wd_syslogStr(WD_CAT_INFCNX, text);
 }
 
 int mod_packetCounterText(FILE* dev, char* out, size_t size) {
@@ -187,7 +187,7 @@ void showPacketCounter(void) {
   char text[kLine];
   int ok = mod_packetCounterText(f, text, sizeof text);
   Close(f);
-  if (ok) wd_syslogStr(3, text);
+  if (ok) wd_syslogStr(WD_CAT_INFCNT, text);
 }
 
 void mod_generalStatusText(FILE* uptime, FILE* meminfo, FILE* stat, char* out, size_t size) {
@@ -250,5 +250,5 @@ void showGeneralStatus(void) {
   Close(uptime);
   Close(meminfo);
   Close(stat);
-  wd_syslogStr(0, text);
+  wd_syslogStr(WD_CAT_INFGEN, text);
 }

@@ -27,13 +27,20 @@ void showPacketCounter(void);
 // "cpu|memory|uptime" in infgen; always sent.
 void showGeneralStatus(void);
 
-// Which collectors run: 8 processes, 2 connection tracking, 4 counters, 1
-// general status. 15 at process start.
+// The collectors a verbosity mask selects.
+enum wdInfoMask : uint32_t {
+  WD_INFO_GENERAL = 1,      // showGeneralStatus
+  WD_INFO_CONNECTIONS = 2,  // showConnectionStatus
+  WD_INFO_COUNTERS = 4,     // showPacketCounter
+  WD_INFO_PROCESSES = 8,    // showProcessStatus
+  WD_INFO_ALL = WD_INFO_GENERAL | WD_INFO_CONNECTIONS | WD_INFO_COUNTERS | WD_INFO_PROCESSES,
+};
+
+// Which collectors run (wdInfoMask bits); WD_INFO_ALL at process start.
 extern uint32_t displayLevel;
-// Runs the collectors `mask` selects, in the fixed order 8, 2, 4, 1.
+// Runs the collectors `mask` selects, in the fixed order processes,
+// connections, counters, general status.
 void mod_periodicInfoReport(uint32_t mask);
-// Thread body of MOD_PERIODIC_INFO.
-void* mod_periodicInfoHandler(void* arg);
 
 // ---- The collectors on open files (null for a missing one), for recorded samples.
 // Each formats the report text into `out` (`size` bytes); those that report

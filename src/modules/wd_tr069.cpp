@@ -35,26 +35,28 @@ const wdModLoopText kText = {
 };
 
 void OnTick(wdModTR069& t) {
-  if (t.cur_caseflag == 1) {
+  if (t.cur_caseflag == WD_TR069_REGISTERING) {
     ++t.RegisterCounterACS;
     if (t.RegisterTimer <= t.RegisterCounterACS) {
-      wd_tr069_Restart(1);
-      t.cur_caseflag = 0;
+      wd_tr069_Restart(WD_TR069_RESTART_BOOTSTRAP);
+      t.cur_caseflag = WD_TR069_FACTORY;
       t.RegisterCounterACS = 0;
-      wd_syslogStr(13, "ALARM_TR069_REGISTRATION_FAILURE-TR069_PROCESS_RESTART");
+      wd_syslogStr(WD_CAT_TR069, "ALARM_TR069_REGISTRATION_FAILURE-TR069_PROCESS_RESTART");
     }
-  } else if (t.cur_caseflag == 2) {
-    if (t.alarmFlag == 0 && (t.informState == 1 || t.informState == 2)) ++t.PICounter;
+  } else if (t.cur_caseflag == WD_TR069_PROVISIONED) {
+    if (t.alarmFlag == 0 &&
+        (t.informState == WD_INFORM_SENT || t.informState == WD_INFORM_ANSWERED))
+      ++t.PICounter;
     // The limit after a response waits one more Inform interval; the sum
     // wraps in 32 bits as the counters do.
     uint32_t answered = t.PITimer + t.periodInterval;
-    if ((t.informState == 1 && t.PITimer <= t.PICounter) ||
-        (t.informState == 2 && answered <= t.PICounter)) {
-      wd_tr069_Restart(0);
+    if ((t.informState == WD_INFORM_SENT && t.PITimer <= t.PICounter) ||
+        (t.informState == WD_INFORM_ANSWERED && answered <= t.PICounter)) {
+      wd_tr069_Restart(WD_TR069_RESTART_PERIODIC);
       t.PICounter = 0;
-      wd_syslogStr(13, kCommFailure);
+      wd_syslogStr(WD_CAT_TR069, kCommFailure);
       t.alarmFlag = 1;
-      t.informState = 0;
+      t.informState = WD_INFORM_IDLE;
     }
   }
 }
@@ -81,16 +83,39 @@ void OnConfigChange(wdModTR069& t) {
   }
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void*) {
+wdLoopAction OnEvent(wdMsg* msg, wdModRun*) {
   if (msg->eventType == THREAD_EXIT) return WD_LOOP_EXIT;
   mod_tr069Event(static_cast<int>(msg->eventType));
   return WD_LOOP_CONTINUE;
 }
 
+bool StartRule(uint32_t* period) {
+  char value[32];
+  char piTimer[32];
+  memset(value, 0, sizeof value);
+  memset(piTimer, 0, sizeof piTimer);
+  if (tcapi_get(kNode, "RegisterTimer", value) != 0) {
+    tcdbg_printf("\r\nget tr069 RegisterTimer error!\r\n");
+    tcdbg_printf("\r\ncreate MOD_TR069 thread fail!\r\n");
+    return false;
+  }
+  tcdbg_printf("\r\ntr069Obj->registerTimer = %s\r\n", value);
+  tcapi_get(kNode, "PITimer", piTimer);
+  if (wd_settingUnset(value) || wd_settingUnset(piTimer)) {
+    tcdbg_printf("\r\ntr069Obj->registerTimer error!\r\n");
+    return false;
+  }
+  WD_START_TRACE("tr069Obj->registerTimer and tr069Obj->PITimer are not 0, So start TR069 modurle");
+  *period = wd_parseUnsigned(value);
+  return true;
+}
+
+void Init(wdModRun*) { wdmod_tr069Handler_init(); }
+
 }  // namespace
 
 void wd_tr069_Restart(int mode) {
-  if (mode == 1) {
+  if (mode == WD_TR069_RESTART_BOOTSTRAP) {
     tcapi_set(kCwmp, "conReqUserName", kConReqDefault);
     tcapi_set(kCwmp, "conReqPassword", kConReqDefault);
     tcapi_set(kCwmp, "restartmode", "boottrap");
@@ -109,7 +134,7 @@ int wdmod_tr069Handler_init(void) {
   wdModTR069& t = gWdModTR069;
   t.RegisterCounterACS = 0;
   t.PICounter = 0;
-  t.informState = 0;
+  t.informState = WD_INFORM_IDLE;
   t.alarmFlag = 0;
   char registerTimer[16] = {0};
   char piTimer[16] = {0};
@@ -139,14 +164,14 @@ int wdmod_tr069Handler_init(void) {
       (strcmp(conUser, kConReqDefault) == 0) + (strcmp(conPass, kConReqDefault) == 0);
   bool factoryAcs = strcmp(acsUser, kAcsDefault) == 0 && strcmp(acsPass, kAcsDefault) == 0;
   if (factoryConReq == 2) {
-    t.cur_caseflag = 0;
+    t.cur_caseflag = WD_TR069_FACTORY;
   } else if (factoryConReq == 1 || !factoryAcs) {
-    t.cur_caseflag = 2;
+    t.cur_caseflag = WD_TR069_PROVISIONED;
   } else {
     // Changed connection-request credentials with the ACS still at its
     // factory ones: the registration never completed.
-    wd_tr069_Restart(1);
-    t.cur_caseflag = 0;
+    wd_tr069_Restart(WD_TR069_RESTART_BOOTSTRAP);
+    t.cur_caseflag = WD_TR069_FACTORY;
   }
   return 0;
 }
@@ -161,26 +186,26 @@ void mod_tr069Event(int eventType) {
       OnConfigChange(t);
       break;
     case GET_INFORM:
-      if (t.cur_caseflag == 2) t.informState = 1;
+      if (t.cur_caseflag == WD_TR069_PROVISIONED) t.informState = WD_INFORM_SENT;
       break;
     case GET_INFORM_RESPONSE:
-      if (t.cur_caseflag == 2) {
-        t.informState = 2;
+      if (t.cur_caseflag == WD_TR069_PROVISIONED) {
+        t.informState = WD_INFORM_ANSWERED;
         t.PICounter = 0;
         if (t.alarmFlag == 1) {
-          wd_syslogStr(13, "CEASE_TR069_COMMNUNICATION_CPE_ACS");
+          wd_syslogStr(WD_CAT_TR069, "CEASE_TR069_COMMNUNICATION_CPE_ACS");
           t.alarmFlag = 0;
         }
       }
       break;
     case CR_NAME_CHANGE:
-      if (t.cur_caseflag == 0) t.cur_caseflag = 1;
+      if (t.cur_caseflag == WD_TR069_FACTORY) t.cur_caseflag = WD_TR069_REGISTERING;
       break;
     case NAME_CHANGE:
-      if (t.cur_caseflag == 1) {
+      if (t.cur_caseflag == WD_TR069_REGISTERING) {
         t.RegisterCounterACS = 0;
-        t.cur_caseflag = 2;
-        t.informState = 2;
+        t.cur_caseflag = WD_TR069_PROVISIONED;
+        t.informState = WD_INFORM_ANSWERED;
       }
       break;
     default:
@@ -188,12 +213,14 @@ void mod_tr069Event(int eventType) {
   }
 }
 
-void* mod_tr069Handler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_TR069, &ch) < 0) wd_threadExit(MOD_TR069, 0, nullptr);
-  wdmod_tr069Handler_init();
-  int timerId = wd_setDefaultPTimer(1000, MOD_TR069);
-  if (timerId < 0) timerId = 0;
-  wd_modLoop(&ch, kText, OnEvent, nullptr);
-  wd_threadExit(MOD_TR069, timerId, &ch);
-}
+const wdModDesc kTr069Module = {
+    MOD_TR069,
+    "/var/wd_tr069.chanl",
+    {kNode, "RegisterTimer", nullptr},
+    {StartRule, "tr069 thread ret=%d!"},
+    {0, 0},  // no data record
+    {mod_tr069Handler, &kText, Init, OnEvent, nullptr},
+    {WD_MOD_TIMER_FIXED, 1000, false},  // a one-second tick, whatever the period
+};
+
+void* mod_tr069Handler(void* arg) { wd_runModule(kTr069Module, arg); }

@@ -19,11 +19,6 @@ namespace {
 constexpr const char* kNode = "Watchdog_VoIPStatus";
 constexpr const char* kHandler = "mod_voipRegisterHandler";
 
-struct VoipRegister {
-  int timerId;           // the periodic query timer; 0 if none was started
-  uint8_t improperConf;  // "ImproperConfEnable" as last read; 0 until then
-};
-
 const wdModLoopText kText = {
     kHandler,
     {"Select error, ret=%d", WD_SAY_CONSOLE},
@@ -33,7 +28,7 @@ const wdModLoopText kText = {
     {"Receieved 0 bytes!", WD_SAY_TRACE},
 };
 
-void OnConfigChange(VoipRegister* r) {
+void OnConfigChange(VoipRegister* r, int* timerId) {
   char timer[16] = {0};
   char improper[16] = {0};
   if (tcapi_get(kNode, "RegisterTimer", timer) != 0) {
@@ -42,7 +37,7 @@ void OnConfigChange(VoipRegister* r) {
   }
   tcapi_get(kNode, "ImproperConfEnable", improper);
   uint32_t period = wd_parseSetting(kNode, "RegisterTimer", timer);
-  if (wd_changeModPeriod(MOD_VOIP_REGISTER, period, &r->timerId)) {
+  if (wd_changeModPeriod(MOD_VOIP_REGISTER, period, timerId)) {
     WD_TRACE_AS(kHandler, "Timer change, set new timer, %ds", static_cast<int>(period));
   }
   r->improperConf = static_cast<uint8_t>(wd_parseSetting(kNode, "ImproperConfEnable", improper));
@@ -60,14 +55,14 @@ void OnRecord(const VoipRegister* r, const wdMsg* msg) {
   char text[70];
   memset(text, 0, sizeof text);
   snprintf(text, sizeof text, "%s%d", prefix, static_cast<int>(reply.RegisterSIPCounter));
-  wd_syslogStr(12, text);
+  wd_syslogStr(WD_CAT_VOIPREG, text);
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
-  VoipRegister* r = static_cast<VoipRegister*>(ctx);
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
+  VoipRegister* r = wd_modState<VoipRegister>(run);
   switch (msg->eventType) {
     case CONFIG_CHANGE:
-      OnConfigChange(r);
+      OnConfigChange(r, &run->timerId);
       break;
     case TIMER_EXPIRED: {
       char query[200];
@@ -86,6 +81,24 @@ wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
   return WD_LOOP_CONTINUE;
 }
 
+bool StartRule(uint32_t* period) {
+  char value[32];
+  memset(value, 0, sizeof value);
+  if (tcapi_get(kNode, "RegisterTimer", value) != 0) {
+    tcdbg_printf("get voipstatus registerTimer error!");
+    tcdbg_printf("create MOD_VOIP_REGISTER thread fail!\r\n");
+    return false;
+  }
+  WD_START_TRACE("voipStatusObj->registerTimer = %s", value);
+  if (wd_settingUnset(value)) {
+    tcdbg_printf("voipStatusObj->registerTimer error!");
+    return false;
+  }
+  tcdbg_printf("voipStatusObj->registerTimer is not 0, So start Voip register modurle");
+  *period = wd_parseUnsigned(value);
+  return true;
+}
+
 }  // namespace
 
 const char* mod_voipRegisterPrefix(uint8_t improperConf, int32_t status) {
@@ -97,11 +110,14 @@ const char* mod_voipRegisterPrefix(uint8_t improperConf, int32_t status) {
   return "ALARM_SIP_REGISTER_FAILURE|";
 }
 
-void* mod_voipRegisterHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_VOIP_REGISTER, &ch) < 0) wd_threadExit(MOD_VOIP_REGISTER, 0, nullptr);
-  VoipRegister r = {};
-  r.timerId = wd_startModTimer(MOD_VOIP_REGISTER);
-  wd_modLoop(&ch, kText, OnEvent, &r);
-  wd_threadExit(MOD_VOIP_REGISTER, r.timerId, &ch);
-}
+const wdModDesc kVoipRegisterModule = {
+    MOD_VOIP_REGISTER,
+    "/var/wd_voip_register.chanl",
+    {kNode, "RegisterTimer", nullptr},
+    {StartRule, nullptr},
+    {RECEIVE_FROM, sizeof(VoipRegisterReply)},
+    {mod_voipRegisterHandler, &kText, nullptr, OnEvent, nullptr},
+    {WD_MOD_TIMER_PERIOD, 0, false},
+};
+
+void* mod_voipRegisterHandler(void* arg) { wd_runModule(kVoipRegisterModule, arg); }

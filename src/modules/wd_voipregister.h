@@ -9,6 +9,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "wd_modthread.h"
+
 // The registration record the voice application sends, in the device's own
 // byte order.
 typedef struct VoipRegisterReply {
@@ -23,7 +25,14 @@ static_assert(sizeof(VoipRegisterReply) == 8, "VoipRegisterReply is 8 bytes");
 // The alarm prefix for a status while the improper-configuration switch is
 // `improperConf`; null for status 0, which is not reported.
 const char* mod_voipRegisterPrefix(uint8_t improperConf, int32_t status);
-// Thread body of MOD_VOIP_REGISTER.
+// The module thread's state (wd_modState of its wdModRun), zero at start.
+struct VoipRegister {
+  uint8_t improperConf;  // "ImproperConfEnable" as last read; 0 until then
+};
+// The module: its event function takes RECEIVE_FROM records, CONFIG_CHANGE,
+// TIMER_EXPIRED (the query) and THREAD_EXIT.
+extern const wdModDesc kVoipRegisterModule;
+// The module's thread body.
 void* mod_voipRegisterHandler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_VOIPREGISTER_H

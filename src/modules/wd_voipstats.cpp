@@ -27,14 +27,6 @@ namespace {
 constexpr const char* kNode = "Watchdog_VoIPStats";
 constexpr const char* kHandler = "mod_voipStatsHandler";
 
-struct VoipStats {
-  uint32_t mode;
-  uint32_t period;
-  uint32_t queryDelay;
-  int timerId;  // the last timer started, periodic or one-shot; 0 if none
-  uint32_t intervalStart;
-};
-
 const wdModLoopText kText = {
     kHandler,
     {"Select error, ret=%d \n", WD_SAY_CONSOLE},
@@ -62,7 +54,7 @@ void SendQuery(uint32_t wordData) {
   tcapi_set("VoipCurSet_WDQuery", "wordData", text);
 }
 
-void OnConfigChange(VoipStats* s) {
+void OnConfigChange(VoipStats* s, int* timerId) {
   wdSubModEntry& entry = gSubMod[MOD_VOIP_STATS];
   char mode[16] = {0};
   char period[16] = {0};
@@ -77,21 +69,21 @@ void OnConfigChange(VoipStats* s) {
     s->queryDelay = wd_parseSetting(kNode, "Query", query);
     if (s->mode == 2) {
       if (s->period != entry.timer) {
-        if (s->timerId != 0) wd_timerPStop(s->timerId);
+        if (*timerId != 0) wd_timerPStop(*timerId);
         entry.timer = s->period;
-        if (s->period != 0) s->timerId = wd_startModPTimer(MOD_VOIP_STATS, s->period);
+        if (s->period != 0) *timerId = wd_startModPTimer(MOD_VOIP_STATS, s->period);
         tcdbg_printf("Timer change, set new timer, %ds \n", static_cast<int>(s->period));
         s->intervalStart = Now();
       }
     } else if (s->mode == 3) {
-      if (s->timerId != 0) wd_timerPStop(s->timerId);
+      if (*timerId != 0) wd_timerPStop(*timerId);
       if (s->queryDelay != 0) {
-        s->timerId = Kept(wd_setDefaultTimer(wd_periodMs(s->queryDelay), MOD_VOIP_STATS));
+        *timerId = Kept(wd_setDefaultTimer(wd_periodMs(s->queryDelay), MOD_VOIP_STATS));
         tcdbg_printf("set timer for Ondemand mode, %ds \n", static_cast<int>(s->queryDelay));
         s->intervalStart = Now();
       }
-    } else if (s->timerId != 0) {
-      wd_timerPStop(s->timerId);
+    } else if (*timerId != 0) {
+      wd_timerPStop(*timerId);
     }
   }
   SendQuery(s->mode);
@@ -116,15 +108,15 @@ void OnRecord(VoipStats* s, const wdMsg* msg) {
   char line[1024];
   mod_voipStatsLine(line, sizeof line, start, end, s->mode, s->period, callId, &r);
   if (s->mode != 1) s->intervalStart = end;
-  wd_syslogStr(11, line);
+  wd_syslogStr(WD_CAT_VOIPSTAT, line);
   if (tcapi_set(kNode, "Query", "0") != 0) tcdbg_printf("can't set Watchdog_VoIPStats Query \n");
 }
 
-wdLoopAction OnEvent(wdMsg* msg, void* ctx) {
-  VoipStats* s = static_cast<VoipStats*>(ctx);
+wdLoopAction OnEvent(wdMsg* msg, wdModRun* run) {
+  VoipStats* s = wd_modState<VoipStats>(run);
   switch (msg->eventType) {
     case CONFIG_CHANGE:
-      OnConfigChange(s);
+      OnConfigChange(s, &run->timerId);
       break;
     case TIMER_EXPIRED:
       if (s->mode != 1) SendQuery(s->mode | 4);
@@ -149,6 +141,41 @@ FILE* OpenCallId() {
   FILE* f = fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? fdopen(fd, "r") : nullptr;
   if (f == nullptr && fd >= 0) close(fd);
   return f;
+}
+
+// The configured period counts in mode "2" alone.
+bool PeriodOn() {
+  char value[16];
+  memset(value, 0, sizeof value);
+  tcapi_get(kNode, "Mode", value);
+  return strcmp(value, "2") == 0;
+}
+
+// Arms the timer of the period the entry holds, else of the configured mode.
+void Init(wdModRun* run) {
+  VoipStats* s = wd_modState<VoipStats>(run);
+  wdSubModEntry& entry = gSubMod[MOD_VOIP_STATS];
+  if (entry.timer != 0) {
+    run->timerId = wd_startModPTimer(MOD_VOIP_STATS, entry.timer);
+  } else {
+    sleep(3);
+    char mode[16] = {0};
+    char period[16] = {0};
+    if (tcapi_get(kNode, "Mode", mode) != 0 || tcapi_get(kNode, "Period", period) != 0) {
+      tcdbg_printf("can't get lock, doesn't check mode\r\n");
+    } else {
+      s->mode = wd_parseSetting(kNode, "Mode", mode);
+      s->period = wd_parseSetting(kNode, "Period", period);
+    }
+    if (s->mode == 1) {
+      SendQuery(s->mode);
+    } else if (s->mode == 2) {
+      entry.timer = s->period;
+    }
+    if (entry.timer != 0) run->timerId = wd_startModPTimer(MOD_VOIP_STATS, entry.timer);
+  }
+  // The first interval of modes 2 and 3 begins when the module starts.
+  s->intervalStart = Now();
 }
 
 }  // namespace
@@ -184,32 +211,14 @@ void mod_voipStatsLine(char* out, size_t size, uint32_t start, uint32_t end, uin
            r->OutgoingCallsFailed, r->CallsDropped, r->TotalCallTime, r->ServerDownTime, 0, 0, 0);
 }
 
-void* mod_voipStatsHandler(void*) {
-  wdChanl ch;
-  if (wd_chanlOpen(MOD_VOIP_STATS, &ch) < 0) wd_threadExit(MOD_VOIP_STATS, 0, nullptr);
-  wdSubModEntry& entry = gSubMod[MOD_VOIP_STATS];
-  VoipStats s = {};
-  if (entry.timer != 0) {
-    s.timerId = wd_startModPTimer(MOD_VOIP_STATS, entry.timer);
-  } else {
-    sleep(3);
-    char mode[16] = {0};
-    char period[16] = {0};
-    if (tcapi_get(kNode, "Mode", mode) != 0 || tcapi_get(kNode, "Period", period) != 0) {
-      tcdbg_printf("can't get lock, doesn't check mode\r\n");
-    } else {
-      s.mode = wd_parseSetting(kNode, "Mode", mode);
-      s.period = wd_parseSetting(kNode, "Period", period);
-    }
-    if (s.mode == 1) {
-      SendQuery(s.mode);
-    } else if (s.mode == 2) {
-      entry.timer = s.period;
-    }
-    if (entry.timer != 0) s.timerId = wd_startModPTimer(MOD_VOIP_STATS, entry.timer);
-  }
-  // The first interval of modes 2 and 3 begins when the module starts.
-  s.intervalStart = Now();
-  wd_modLoop(&ch, kText, OnEvent, &s);
-  wd_threadExit(MOD_VOIP_STATS, s.timerId, &ch);
-}
+const wdModDesc kVoipStatsModule = {
+    MOD_VOIP_STATS,
+    "/var/wd_voip_stats.chanl",
+    {kNode, "Period", PeriodOn},
+    {wd_startAlways, nullptr},
+    {RECEIVE_FROM, sizeof(VoipStatsReply)},
+    {mod_voipStatsHandler, &kText, Init, OnEvent, nullptr},
+    {WD_MOD_TIMER_NONE, 0, false},  // Init arms it
+};
+
+void* mod_voipStatsHandler(void* arg) { wd_runModule(kVoipStatsModule, arg); }

@@ -9,6 +9,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "wd_modthread.h"
+
 // The statistics record the voice application sends: 23 words of 32 bits in
 // the device's own byte order.
 typedef struct VoipStatsReply {
@@ -48,7 +50,18 @@ void mod_voipStatsCallId(char* callId);
 // Formats the 26-field report text of `r` into `out` (`size` bytes).
 void mod_voipStatsLine(char* out, size_t size, uint32_t start, uint32_t end, uint32_t mode,
                        uint32_t period, const char* callId, const VoipStatsReply* r);
-// Thread body of MOD_VOIP_STATS.
+// The module thread's state (wd_modState of its wdModRun), zero at start;
+// the module's timer, periodic or one-shot, is the run's timerId.
+struct VoipStats {
+  uint32_t mode;           // "Mode" as last read: 1 per call, 2 periodic, 3 on demand
+  uint32_t period;         // "Period" as last read, seconds
+  uint32_t queryDelay;     // "Query" as last read, seconds
+  uint32_t intervalStart;  // start of the interval the next record reports
+};
+// The module: its event function takes RECEIVE_FROM records, CONFIG_CHANGE,
+// TIMER_EXPIRED (the query) and THREAD_EXIT.
+extern const wdModDesc kVoipStatsModule;
+// The module's thread body.
 void* mod_voipStatsHandler(void* arg);
 
 #endif  // WATCHDOGD_MODULES_WD_VOIPSTATS_H

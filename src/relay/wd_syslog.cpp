@@ -31,10 +31,12 @@ char macAddr[13] WD_GUARDED_BY(gMacMutex);
 
 namespace {
 
-constexpr const char* kCategories[] = {
-    "infgen", "infcxn", "infprc",   "infcnt",  "infcnx", "shell", "ppp",      "arp",  "rip",
-    "igmp",   "ps",     "voipstat", "voipreg", "tr069",  "ps",    "internal", "route"};
-constexpr uint32_t kNoTimeCategory = 11;
+#define WD_CATEGORY_TEXT(name, text) text,
+constexpr const char* kCategories[] = {WD_CATEGORIES(WD_CATEGORY_TEXT)};
+#undef WD_CATEGORY_TEXT
+static_assert(sizeof kCategories / sizeof kCategories[0] == WD_CAT_COUNT, "one text a category");
+// Its lines carry no seconds: the record has its own times.
+constexpr uint32_t kNoTimeCategory = WD_CAT_VOIPSTAT;
 constexpr off_t kMrdOffset = 0x1FF00;
 constexpr size_t kMrdSize = 255;
 constexpr size_t kMacOffset = 72;

@@ -1,11 +1,14 @@
 // A datagram on the command socket, as the command loop takes it:
 // wdmsg_receive with the loop's 500-byte length word, then the dispatch. Every
 // module has a channel here; what a command sends out is checked for shape.
-#define main watchdogd_main
-#include "../../src/daemon/wd_main.cpp"
-#undef main
+#include "wd_command.h"
 
 #include <sys/socket.h>
+
+#include "wd_buffer.h"
+#include "wd_chanl.h"
+#include "wd_modtable.h"
+#include "wd_modthread.h"
 
 #include "fuzz_util.h"
 
@@ -15,6 +18,7 @@ int gCmd[2];  // the command socket: [0] sends, [1] is what the loop reads
 int gReply;   // bound at WD_RESULT_SOCK_PATH
 
 void SetUp() {
+  wd_setModTable(kModTable, kModTableCount);
   wd_initSubModData();
   snprintf(gSubMod[MOD_MSG_RESEND].chanlPath, WD_CHANL_PATH_SIZE, "/var/wd_msg_resend.chanl");
   for (int id = 0; id < WD_MOD_NUM; ++id) FUZZ_CHECK(wd_estFdChanl(id) > 0);
@@ -44,12 +48,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(send(gCmd[0], data, size, 0) == static_cast<ssize_t>(size));
 
   // The command loop's body.
-  int recvLen = kCmdRecvLen;
+  int recvLen = WD_CMD_RECV_LEN;
   sockaddr_un from;
   wdCmdMsg* msg = static_cast<wdCmdMsg*>(calloc(1, sizeof(wdCmdMsg)));
   int result = wdmsg_receive(gCmd[1], &msg, &recvLen, &from);
   wdCmdMsg head = *msg;  // as received; the dispatch may change it
-  if (result == 0) DispatchCommand(msg);
+  if (result == 0) wd_dispatchCommand(msg);
   free(msg);
 
   size_t taken = size < 500 ? size : 500;

@@ -3,7 +3,7 @@
 // numbers must run 1, 2, 3... while the buffer takes the lines. Output past
 // 256 KiB is not fed: it only adds lines the full buffer refuses, each
 // refusal copying the whole buffer for the flash, which takes minutes here.
-#include "wd_general.cpp"
+#include "wd_general.h"
 
 #include "fuzz_util.h"
 
@@ -11,13 +11,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FreshBuffer();
   size = size < 262144 ? size : 262144;
   const char* command = "ifconfig ppp0";
-  {
-    Lines lines(command);
-    for (size_t at = 0; at < size; at += 512) {
-      lines.Add(reinterpret_cast<const char*>(data) + at, size - at < 512 ? size - at : 512);
-    }
-    lines.Flush();
-  }
+  FILE* f = MemFile(std::string(reinterpret_cast<const char*>(data), size));
+  mod_generalReport(command, f);
+  fclose(f);
   int number = 0;
   for (const std::string& line : BufferLines()) {
     std::string mark = "|" + std::string(command) + "|" + std::to_string(++number) + "| ";

@@ -10,6 +10,7 @@
 #include "fuzz_util.h"
 #include "libwdfunc.h"
 #include "tcapi.h"
+#include "wd_modtable.h"
 #include "wd_modthread.h"
 #include "wd_pppoe.h"
 
@@ -58,6 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   close(fd);
 
   wd_isWdEnable();
+  wd_setModTable(kModTable, kModTableCount);  // the periods' settings
   for (uint8_t id = MOD_PPPOE; id <= MOD_VOIP_REGISTER; ++id) wd_updateModTimer(id);
   mod_pppoe_config_init();
 

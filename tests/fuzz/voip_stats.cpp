@@ -7,14 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "wd_voipstats.cpp"
+#include "wd_voipstats.h"
 
 #include "fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FreshBuffer();
-  VoipStats s = {};
-  s.mode = size > 0 ? data[0] % 4 + 1 : 1;
+  wdModRun run = {};
+  wd_modState<VoipStats>(&run)->mode = size > 0 ? data[0] % 4 + 1 : 1;
   wdMsg msg = {};
   msg.eventType = RECEIVE_FROM;
   msg.datalen = sizeof(VoipStatsReply);
@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(fd >= 0);
   if (size > 93) FUZZ_CHECK(write(fd, data + 93, size - 93) == static_cast<ssize_t>(size - 93));
   close(fd);
-  FUZZ_CHECK(OnEvent(&msg, &s) == WD_LOOP_CONTINUE);
+  FUZZ_CHECK(kVoipStatsModule.thread.event(&msg, &run) == WD_LOOP_CONTINUE);
   std::vector<std::string> lines = BufferLines();
   FUZZ_CHECK(lines.size() == 1);
   FUZZ_CHECK(std::count(lines[0].begin(), lines[0].end(), '|') == 25);

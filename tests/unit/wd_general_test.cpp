@@ -1,7 +1,9 @@
 // The general command module: when a configured command runs, how its output
 // lines become reports, and a command stopped at its limit. The module's event
-// handler is compiled in from its source.
-#include "wd_general.cpp"
+// function is reached through its descriptor.
+#include "wd_general.h"
+
+#include "wd_base.h"
 
 #include "unit_util.h"
 
@@ -46,12 +48,12 @@ TEST(GeneralModule, AConfiguredCommandRunsWhenItIsNewAndNotCut) {
   ScopedBuffer buffer;
   debuglevel = 1;
   truncate("/dev/console", 0);
-  char lastRun[kCommandSize] = {0};
+  wdModRun run = {};  // the module's state as its thread starts: nothing has run
   auto change = [&](const std::string& command) {  // the reports made so far
     tcapi_set("Watchdog_Common", "ShellCommand", command.c_str());
     wdMsg msg = {};
     msg.eventType = CONFIG_CHANGE;
-    OnEvent(&msg, lastRun);
+    kGeneralModule.thread.event(&msg, &run);
     return buffer.Texts("shell").size();
   };
   EXPECT_EQ(change("echo one"), 1u);

@@ -3,6 +3,7 @@
 #include "wd_modthread.h"
 
 #include "wd_base.h"
+#include "wd_modtable.h"
 
 #include "unit_util.h"
 
@@ -14,6 +15,7 @@ class ModThreadTest : public ::testing::Test {
  protected:
   void SetUp() override {
     unlink(TCAPI_TREE_PATH);
+    wd_setModTable(kModTable, kModTableCount);
     wd_initSubModData();
     tcapi_set("Watchdog_Common", "Enable", "1");
   }

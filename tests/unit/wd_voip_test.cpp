@@ -1,8 +1,8 @@
 // The VoIP modules' pieces: the statistics record as the device sends it and
 // its report text, the call id file, and the registration module's handling
-// of each answer (compiled in from its source). The statistics module's modes
+// of each answer (through its event function). The statistics module's modes
 // run against the voice application in the integration tests.
-#include "wd_voipregister.cpp"
+#include "wd_voipregister.h"
 #include "wd_voipstats.h"
 
 #include "unit_util.h"
@@ -81,14 +81,14 @@ TEST(VoipRegister, EachFailedAnswerIsReportedAsTheSwitchReadAtTheLastChangeSays)
   tcapi_set("Watchdog_VoIPStatus", "RegisterTimer", "0");
   tcapi_set("Watchdog_VoIPStatus", "ImproperConfEnable", "1");
   tcapi_unset("VoipCurSet_WDQuery", "wordData");
-  VoipRegister r = {};  // as the thread starts: the switch is off until a change
-  auto event = [&r](int type, int32_t counter = 0, int32_t status = 0) {
+  wdModRun run = {};  // as the thread starts: the switch is off until a change
+  auto event = [&run](int type, int32_t counter = 0, int32_t status = 0) {
     wdMsg msg = {};
     msg.eventType = type;
     VoipRegisterReply reply = {counter, status};
     memcpy(msg.data, &reply, sizeof reply);
     msg.datalen = sizeof reply;
-    return Said([&] { EXPECT_EQ(OnEvent(&msg, &r), WD_LOOP_CONTINUE); });
+    return Said([&] { EXPECT_EQ(kVoipRegisterModule.thread.event(&msg, &run), WD_LOOP_CONTINUE); });
   };
   event(RECEIVE_FROM, 1, 2);
   event(RECEIVE_FROM, 5, 0);  // registered: no report
