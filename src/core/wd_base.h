@@ -90,7 +90,7 @@ int wd_createThread(pthread_t* tid, void* (*body)(void*), void* arg);
 size_t wd_threadStackSize(void);
 
 // Starts `body` in a new thread with round-robin real-time scheduling at
-// priority 75. Where that is refused, starts it with default attributes and
+// priority 75. Where that is refused, starts it with default scheduling and
 // says so once per process on the debug console. Returns pthread_create's
 // result. Programs started from such a thread get default scheduling (wd_run).
 int wd_createRtThread(pthread_t* tid, void* (*body)(void*), void* arg, const char* name);

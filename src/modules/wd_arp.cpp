@@ -56,6 +56,7 @@ const wdModLoopText kText = {
     {"File discriptor is no in fd set!", WD_SAY_TRACE},
     {"[USE CASE ARP] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes!", WD_SAY_TRACE},
+    {nullptr, WD_SAY_NOTHING},
 };
 
 void OnConfigChange(int* timerId) {

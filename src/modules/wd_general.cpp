@@ -29,6 +29,7 @@ const wdModLoopText kText = {
     {"File discriptor is no in fd set!\r\n", WD_SAY_CONSOLE},
     {"[mod_generalHandler] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes!", WD_SAY_TRACE},
+    {nullptr, WD_SAY_NOTHING},
 };
 
 // The output of one run, cut into the pieces a 512-byte line read gives:

@@ -224,6 +224,7 @@ void wd_modLoop(const wdChanl* ch, const wdModLoopText& text,
         say(__LINE__, l.text.zeroBytes, 0);
         break;
       case WD_DISPATCH_RECV_FAILED:
+        say(__LINE__, l.text.failedReceive, 0);
         break;
       case WD_DISPATCH_DATAGRAM:
         return l.onMsg(static_cast<wdMsg*>(d.data), l.ctx) != WD_LOOP_EXIT;

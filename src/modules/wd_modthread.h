@@ -26,7 +26,7 @@ int wd_initSubModData(void);
 // Starts the module threads that the configuration enables. Returns 0 when the
 // watchdog feature is off, else the result of the last thread creation.
 int wd_creatModThreads(void);
-// Starts the thread of module `modId` (default attributes, argument 60) and
+// Starts the thread of module `modId` (default scheduling, argument 60) and
 // stores its id in the entry. Returns pthread_create's result; a module that
 // runs already is left alone ("module N is already running" on the debug
 // console, EALREADY returned). Main thread.
@@ -72,6 +72,7 @@ struct wdModLoopText {
   wdLoopMsg noFdInSet;
   wdLoopMsg mallocFail;
   wdLoopMsg zeroBytes;
+  wdLoopMsg failedReceive;  // a receive that fails; most modules drop it silently
 };
 
 enum wdLoopAction { WD_LOOP_CONTINUE, WD_LOOP_EXIT };

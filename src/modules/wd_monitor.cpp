@@ -64,6 +64,7 @@ const wdModLoopText kText = {
     {"File discriptor is no in fd set!\r\n", WD_SAY_CONSOLE},
     {"[USE CASE Monitor] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes!", WD_SAY_TRACE},
+    {nullptr, WD_SAY_NOTHING},
 };
 
 wdLoopAction OnEvent(wdMsg* msg, wdModRun*) {

@@ -308,6 +308,7 @@ const wdModLoopText kText = {
     {"File discriptor is no in fd set!\r\n", WD_SAY_CONSOLE},
     {"[USE CASE PPPoE] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes!", WD_SAY_TRACE},
+    {nullptr, WD_SAY_NOTHING},
 };
 
 void ArmCheck(int* checkTimer) {

@@ -15,6 +15,7 @@ const wdModLoopText kText = {
     {"File discriptor is no in fd set!\n", WD_SAY_CONSOLE},
     {"[mod_sampleHandler] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes!\n", WD_SAY_TRACE},
+    {nullptr, WD_SAY_NOTHING},
 };
 
 wdLoopAction OnMsg(wdMsg* msg, wdModRun* run) {

@@ -32,6 +32,7 @@ const wdModLoopText kText = {
     {"File discriptor is no in fd set!\n", WD_SAY_CONSOLE},
     {"[USE CASE TR069] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes!", WD_SAY_TRACE},
+    {nullptr, WD_SAY_NOTHING},
 };
 
 void OnTick(wdModTR069& t) {

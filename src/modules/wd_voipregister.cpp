@@ -26,6 +26,7 @@ const wdModLoopText kText = {
     {"\r\nFile discriptor is no in fd set!\r\n", WD_SAY_CONSOLE},
     {"[USE CASE VoIPRegister] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes!", WD_SAY_TRACE},
+    {"Receieved 0 bytes!", WD_SAY_TRACE},  // a failed receive, as an empty one
 };
 
 void OnConfigChange(VoipRegister* r, int* timerId) {

@@ -34,6 +34,7 @@ const wdModLoopText kText = {
     {"File discriptor is no in fd set! \n", WD_SAY_CONSOLE},
     {"[USE CASE VoIPStats] malloc fail", WD_SAY_TRACE},
     {"Receieved 0 bytes! \n", WD_SAY_CONSOLE},
+    {"Receieved 0 bytes! \n", WD_SAY_CONSOLE},  // a failed receive, as an empty one
 };
 
 uint32_t Now() {
