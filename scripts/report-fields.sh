@@ -1,4 +1,4 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # report-fields.sh [--write-docs]: checks every description of the report
 # lines' fields against the one table, docs/report-fields.tsv:
 #   - the field tables of docs/reports.md (made from the table: --write-docs

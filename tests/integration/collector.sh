@@ -53,9 +53,9 @@ echo 'my.app.wd.ppp.0a1b2c3d4e5f: 1795000000|too|few' > /dev/tcp/127.0.0.1/1514
 # in order as the field table FIELDS lists them (":" marks a number, "-" a
 # field the object leaves out).
 jq -n --rawfile journal /var/log/wd-journal --slurpfile got $json --rawfile table "$2" '
-  reduce ($table | split("\n")[] | select(test("^[^#]")) | split("\t")
-          | select(.[2] != "unused")) as $r
-    ({}; .[$r[0]] += [if $r[2] == "zero" then "-" elif $r[2] == "text" then $r[1] else $r[1] + ":" end])
+  (reduce ($table | split("\n")[] | select(test("^[^#]")) | split("\t")
+           | select(.[2] != "unused")) as $r
+     ({}; .[$r[0]] += [if $r[2] == "zero" then "-" elif $r[2] == "text" then $r[1] else $r[1] + ":" end]))
   as $names
   | def expect: capture("^[01]#my\\.app\\.wd\\.(?<c>[a-z0-9]+)\\.(?<mac>[0-9a-f]*): (?<t>.*)#[0-9]+$")
       | . as $m | $names[$m.c] as $n
