@@ -8,7 +8,8 @@
 #     type, and its JSON object gives numbers as numbers;
 #   - the live view's decoder, gateway/report-view, run on one line per
 #     category: it shows each field under its name, with its unit;
-#   - the daemon's category table (src/relay/wd_syslog.cpp): the same names.
+#   - the daemon's category table (kCategories of src/relay/wd_syslog.cpp or
+#     its header): the same names.
 # Prints what disagrees and exits 1, or exits 0.
 set -u
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -65,7 +66,8 @@ made=$(make_docs < "$docs") || bad "docs/reports.md: field tables missing"
 $(diff <(cat "$docs") <(printf '%s\n' "$made") | head -n 20)"
 
 # 2. The daemon's categories, each once, against the table's.
-daemon_cats=$(sed -n '/kCategories\[\] = {/,/};/p' "$daemon" | grep -o '"[a-z0-9]*"' | tr -d '"' | sort -u)
+daemon_cats=$(cat "$daemon" "${daemon%.cpp}.h" 2> /dev/null | sed -n '/kCategories\[\] = {/,/};/p' |
+  grep -o '"[a-z0-9]*"' | tr -d '"' | sort -u)
 [ -n "$daemon_cats" ] || bad "no category table in $daemon"
 [ "$daemon_cats" = "$(rows | cut -f 1 | sort -u)" ] ||
   bad "categories differ from the daemon's: $(diff <(echo "$daemon_cats") <(rows | cut -f 1 | sort -u) | grep '^[<>]' | tr '\n' ' ')"
