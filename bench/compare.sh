@@ -7,20 +7,18 @@
 # the comparison could not be run or a figure is missing.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/lib.sh"
 window=$1 windows=$2 queries=$3 flood=$4 profile=${5:-}
 dir="$top/build-bench"
 jobs=2
 
 echo "building (Release with timer figures; MinSizeRel for the sizes, here and for MIPS)..." >&2
-cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF -DWD_BUILD_BENCH=ON \
-  -DWD_TIMER_STATS=ON > /dev/null
-cmake --build "$dir" -j "$jobs" > /dev/null
-cmake --install "$dir" --prefix "$dir/stage" > /dev/null
+wd_build -j "$jobs" -i "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF -DWD_BUILD_BENCH=ON \
+  -DWD_TIMER_STATS=ON
 for target in native mips; do
   args=(-DCMAKE_BUILD_TYPE=MinSizeRel -DWD_BUILD_TESTS=OFF)
   [ "$target" = mips ] && args+=(-DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake")
-  cmake -S "$top" -B "$dir/size-$target" "${args[@]}" > /dev/null
-  cmake --build "$dir/size-$target" -j "$jobs" --target watchdogd > /dev/null
+  wd_build -j "$jobs" -t watchdogd "$dir/size-$target" "${args[@]}"
 done
 
 out="$dir/compare.out"

@@ -16,6 +16,7 @@
 #       comparison could not be run or a figure is missing.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/lib.sh"
 compare=0 window=120 windows=3 queries=100000 flood=10 profile=""
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -30,10 +31,8 @@ done
 "$top/scripts/deps.sh"
 dir="$top/build-bench"
 if [ "$compare" = 1 ]; then exec "$top/bench/compare.sh" "$window" "$windows" "$queries" "$flood" $profile; fi
-cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF -DWD_BUILD_BENCH=ON \
-  -DWD_TIMER_STATS=OFF > /dev/null
-cmake --build "$dir" -j "$(nproc)" > /dev/null
-cmake --install "$dir" --prefix "$dir/stage" > /dev/null
+wd_build -i "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF -DWD_BUILD_BENCH=ON \
+  -DWD_TIMER_STATS=OFF
 run() { "$top/gateway/gw-run" --syslog --prefix "$dir/stage" --ro "$dir" -- "$@"; }
 
 echo "== timer service =="
@@ -45,13 +44,14 @@ echo "== delivery across 5 syslog-ng restarts: 1000 reports, 100 minutes of the 
 
 echo "== idle daemon (the modules that always run, 20 s after its 30-second start) =="
 run sh -c '
+  . /gw/sim/lib.sh
   tcapi set Watchdog_Common Enable 1
   watchdogd 2>/dev/null &
   while [ ! -d /var/wd_tmp ]; do sleep 0.1; done
   pid=$(pidof watchdogd)
-  t0=$(busybox awk "{print \$14+\$15}" /proc/$pid/stat)
+  t0=$(proc_cpu /proc/$pid); t0=${t0%% *}
   sleep 20
-  t1=$(busybox awk "{print \$14+\$15}" /proc/$pid/stat)
+  t1=$(proc_cpu /proc/$pid); t1=${t1%% *}
   hz=$(getconf CLK_TCK)
   echo "CPU: $(( (t1 - t0) * 1000 / hz )) ms in 20 s"
   grep -E "^(VmRSS|VmSize|Threads)" /proc/$pid/status
@@ -59,6 +59,7 @@ run sh -c '
 
 echo "== route monitor thread (mode 2): idle for 20 s, then one route change =="
 "$top/gateway/gw-run" --net --syslog --prefix "$dir/stage" -- sh -c '
+  . /gw/sim/lib.sh
   tcapi set Watchdog_Common Enable 1
   tcapi set Watchdog_Route Mode 2
   watchdogd 2>/dev/null &
@@ -69,8 +70,8 @@ echo "== route monitor thread (mode 2): idle for 20 s, then one route change =="
   while ! busybox awk "\$4 == 00000040 { found = 1 } END { exit !found }" /proc/net/netlink; do sleep 0.1; done
   tid=$(for t in $(ls /proc/$pid/task); do echo "$before" | grep -qx "$t" || echo "$t"; done)
   sample() {
-    echo "$(busybox awk "{print \$14+\$15}" /proc/$pid/task/$tid/stat)" \
-      "$(busybox awk "/^voluntary/ {print \$2}" /proc/$pid/task/$tid/status)"
+    cpu=$(proc_cpu /proc/$pid/task/$tid)
+    echo "${cpu%% *}" "$(proc_status /proc/$pid/task/$tid voluntary_ctxt_switches)"
   }
   hz=$(getconf CLK_TCK)
   set -- $(sample); sleep 20; t0=$1 w0=$2; set -- $(sample)
@@ -85,6 +86,7 @@ echo "== long run: 100 minutes of the daemon's time in 60 s (libfaketime x100) =
 echo "   PPPoE checks every 10 s with ping and lookup, the WAN line cut and restored"
 echo "   every 5 minutes, an IGMP timer every second: what the process holds over time"
 "$top/gateway/gw-run" --net --syslog --faketime 100 --prefix "$dir/stage" -- sh -c '
+  . /gw/sim/lib.sh
   real_sleep() { env -u LD_PRELOAD sleep "$1"; }
   tcapi set Watchdog_Common Enable 1
   tcapi set Wan_PVC0 ENCAP "PPPoE LLC"
@@ -99,8 +101,7 @@ echo "   every 5 minutes, an IGMP timer every second: what the process holds ove
   pid=$(pidof watchdogd)
   snapshot() {
     printf "%-8s fds=%s threads=%s rss=%s kB reports delivered=%s\n" "$1" \
-      "$(ls /proc/$pid/fd | wc -l)" "$(ls /proc/$pid/task | wc -l)" \
-      "$(busybox awk "/VmRSS/ {print \$2}" /proc/$pid/status)" \
+      "$(proc_fds $pid)" "$(ls /proc/$pid/task | wc -l)" "$(proc_status /proc/$pid VmRSS)" \
       "$(grep -c my.app.wd /var/log/messages)"
   }
   snapshot start

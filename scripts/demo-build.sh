@@ -5,10 +5,9 @@
 # tests pass their own).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/lib.sh"
 if [ -n "${WD_BUILD:-}" ]; then echo "$WD_BUILD"; exit 0; fi
 dir="$top/build-demo"
 "$top/scripts/deps.sh" >&2
-cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWD_BUILD_TESTS=OFF > /dev/null
-cmake --build "$dir" -j "$(nproc)" > /dev/null
-cmake --install "$dir" --prefix "$dir/stage" > /dev/null
+wd_build -i "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWD_BUILD_TESTS=OFF
 echo "$dir"

@@ -16,6 +16,7 @@
 #   TARGET...       only these targets (default: all; --list names them)
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/lib.sh"
 build="$top/build-fuzz"
 usage() { sed -n '2,/^set -euo/p' "$0" | sed '$d; s/^# \{0,1\}//'; }
 
@@ -41,12 +42,10 @@ for t in "${targets[@]}"; do
 done
 
 "$top/scripts/deps.sh"
-cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-  -DWD_FUZZ=ON -DWD_BUILD_TESTS=OFF > /dev/null
 what=()  # everything (the fuzz targets and the libraries), unless targets are named
-[ "$named" = 0 ] || what=(--target "${targets[@]/#/fuzz_}")
-cmake --build "$build" -j 2 ${what[@]+"${what[@]}"} > "$build/build.log" 2>&1 ||
-  { tail -50 "$build/build.log"; exit 1; }
+[ "$named" = 0 ] || for t in "${targets[@]}"; do what+=(-t "fuzz_$t"); done
+wd_build -j 2 -l 50 ${what[@]+"${what[@]}"} "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_CXX_COMPILER=clang++ -DWD_FUZZ=ON -DWD_BUILD_TESTS=OFF
 
 # The sandboxes' files (and crash inputs) on tmpfs where there is one: the
 # targets write and sync the daemon's files on every run.

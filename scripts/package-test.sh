@@ -7,6 +7,7 @@
 # faster under libfaketime: it waits 30 s at start before it serves commands.)
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/lib.sh"
 "$top/scripts/deps.sh"
 jobs=$(nproc)
 work=$(mktemp -d "$top/build-package-test.XXXXXX")  # the gateway sandbox has its own /tmp
@@ -14,10 +15,7 @@ trap 'rm -rf "$work"' EXIT
 fail() { echo "package-test: $*" >&2; exit 1; }
 
 build() {  # build DIR CMAKE-ARGS...
-  local dir=$1
-  shift
-  cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF "$@" > /dev/null
-  cmake --build "$dir" -j "$jobs" > "$dir/build.log" 2>&1 || { tail -30 "$dir/build.log"; exit 1; }
+  wd_build -j "$jobs" -l 30 "$1" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF "${@:2}"
 }
 
 # expect_files ROOT EXPECTED...: ROOT holds exactly these files and links.

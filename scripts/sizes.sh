@@ -5,6 +5,7 @@
 # daemon (WD_STATIC) for both. Figures only.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/lib.sh"
 "$top/scripts/deps.sh"
 
 report() {  # report NAME BUILD-DIR TOOL-PREFIX
@@ -37,9 +38,7 @@ for target in native mips native-static mips-static; do
   args=(-DCMAKE_BUILD_TYPE=MinSizeRel -DWD_BUILD_TESTS=OFF)
   case "$target" in mips*) args+=(-DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake") ;; esac
   case "$target" in *-static) args+=(-DWD_STATIC=ON) ;; esac
-  cmake -S "$top" -B "$dir" "${args[@]}" > /dev/null
-  cmake --build "$dir" -j "$(nproc)" > /dev/null
-  cmake --install "$dir" --prefix "$dir/stage" > /dev/null
+  wd_build -i "$dir" "${args[@]}"
 done
 report "this machine ($(uname -m))" "$top/build-size-native" ""
 static_size "this machine" "$top/build-size-native-static" ""

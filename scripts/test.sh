@@ -17,6 +17,7 @@
 #                                   and tsan (or in the variants named after N)
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/lib.sh"
 repeat=()
 if [ "${1:-}" = --repeat ]; then
   [[ "${2:-}" =~ ^[1-9][0-9]*$ ]] || { echo "test.sh: --repeat needs a count" >&2; exit 2; }
@@ -33,10 +34,7 @@ if [ ${#variants[@]} -eq 0 ]; then
 fi
 
 build() {  # build DIR CMAKE-ARGS...
-  local dir=$1
-  shift
-  cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" > /dev/null
-  cmake --build "$dir" -j "$jobs" > "$dir/build.log" 2>&1 || { tail -50 "$dir/build.log"; exit 1; }
+  wd_build -j "$jobs" -l 50 "$1" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${@:2}"
 }
 
 for v in "${variants[@]}"; do

@@ -1,5 +1,5 @@
 #!/bin/bash
-# collector.sh CONF, inside a gateway (gw-run --net --collector --services):
+# collector.sh CONF FIELDS, inside a gateway (gw-run --net --collector --services):
 # the operator's collector configuration CONF takes the simulated collector's
 # place on 127.0.0.1:1514, the daemon runs with every module, and every
 # category is made to report. Each JSON object must be, field by field and
@@ -50,18 +50,15 @@ echo 'my.app.wd.ppp.0a1b2c3d4e5f: 1795000000|too|few' > /dev/tcp/127.0.0.1/1514
 [ "$(grep -c 'my\.app\.wd\.' $out/unparsed.log)" = 1 ] || fail "report lines unparsed"
 
 # Every object against the journal's lines, split by each category's fields
-# in order (":" marks a number, "-" a field the object leaves out).
-jq -n --rawfile journal /var/log/wd-journal --slurpfile got $json '
-  { ppp: "alarm link ip ip6", arp: "hwaddr ip ip6 dev flags", tr069: "alarm",
-    route: "dest gateway mask flags metric: ref: use: iface", infgen: "cpu: memfree: uptime:",
-    infprc: "pppd: tr69: dnsmasq: voiceApp: igmpproxy: ripd: Rtmp: rmt_qcsmngr:",
-    infcnx: "entries: searched: found: new: invalid: ignore: delete: delete_list: insert: insert_failed: drop: early_drop: icmp_error: expect_new: expect_create: expect_delete:",
-    infcnt: (["ppp0", "nas2", "nas1"] | map("\(.)_ip \(.)_tx_packets: \(.)_tx_drops: \(.)_tx_errors: \(.)_rx_packets: \(.)_rx_drops: \(.)_rx_errors:") | join(" ")),
-    shell: "command line: output", ps: "process status", voipreg: "alarm count:",
-    voipstat: "start: end: mode: period: call packets_sent: packets_received: bytes_sent: bytes_received: packets_lost: - - incoming_received: incoming_answered: incoming_connected: incoming_failed: outgoing_attempted: outgoing_answered: outgoing_connected: outgoing_failed: calls_dropped: call_time: server_down_time: - - -"
-  } as $names
+# in order as the field table FIELDS lists them (":" marks a number, "-" a
+# field the object leaves out).
+jq -n --rawfile journal /var/log/wd-journal --slurpfile got $json --rawfile table "$2" '
+  (reduce ($table | split("\n")[] | select(test("^[^#]")) | split("\t")
+           | select(.[2] != "unused")) as $r
+     ({}; .[$r[0]] += [if $r[2] == "zero" then "-" elif $r[2] == "text" then $r[1] else $r[1] + ":" end]))
+  as $names
   | def expect: capture("^[01]#my\\.app\\.wd\\.(?<c>[a-z0-9]+)\\.(?<mac>[0-9a-f]*): (?<t>.*)#[0-9]+$")
-      | . as $m | ($names[$m.c] / " ") as $n
+      | . as $m | $names[$m.c] as $n
       | (if $m.c == "voipstat" then {text: $m.t} else $m.t | capture("^(?<time>-?[0-9]+)\\|(?<text>.*)$") end) as $r
       | (if $m.c == "shell" then $r.text | capture("^(?<a>.+?)\\|(?<b>[0-9]+)\\| (?<c>.*)$") | [.a, .b, .c]
          else $r.text / "|" end) as $v
