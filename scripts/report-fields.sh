@@ -8,8 +8,8 @@
 #     type, and its JSON object gives numbers as numbers;
 #   - the live view's decoder, gateway/report-view, run on one line per
 #     category: it shows each field under its name, with its unit;
-#   - the daemon's category table (kCategories of src/relay/wd_syslog.cpp or
-#     its header): the same names.
+#   - the daemon's category table (WD_CATEGORIES of src/relay/wd_syslog.h):
+#     the same names.
 # Prints what disagrees and exits 1, or exits 0.
 set -u
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -17,7 +17,7 @@ table=$root/docs/report-fields.tsv
 docs=$root/docs/reports.md
 conf=$root/collector/watchdogd.conf
 view=$root/gateway/report-view
-daemon=$root/src/relay/wd_syslog.cpp
+daemon=$root/src/relay/wd_syslog.h
 failed=0
 bad() { echo "report-fields: $*" >&2; failed=1; }
 
@@ -66,7 +66,7 @@ made=$(make_docs < "$docs") || bad "docs/reports.md: field tables missing"
 $(diff <(cat "$docs") <(printf '%s\n' "$made") | head -n 20)"
 
 # 2. The daemon's categories, each once, against the table's.
-daemon_cats=$(cat "$daemon" "${daemon%.cpp}.h" 2> /dev/null | sed -n '/kCategories\[\] = {/,/};/p' |
+daemon_cats=$(grep -o 'X(WD_CAT_[A-Z0-9_]*, *"[a-z0-9]*")' "$daemon" 2> /dev/null |
   grep -o '"[a-z0-9]*"' | tr -d '"' | sort -u)
 [ -n "$daemon_cats" ] || bad "no category table in $daemon"
 [ "$daemon_cats" = "$(rows | cut -f 1 | sort -u)" ] ||
