@@ -26,16 +26,14 @@
 #include "tcapi.h"
 
 #include "../buffer_util.h"
+#include "../test_util.h"
 
-// The whole content of a file; empty when it cannot be read.
-inline std::string Slurp(const char* path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-inline bool Exists(const char* path) { return access(path, F_OK) == 0; }
+using wdtest::Count;
+using wdtest::Exists;
+using wdtest::ReadFile;
+using wdtest::WaitUntil;
+// The name the unit tests have always used for ReadFile.
+inline std::string Slurp(const std::string& path) { return ReadFile(path); }
 
 // What `run` wrote to the debug console (standard error).
 template <typename F>
@@ -43,22 +41,6 @@ std::string Said(F run) {
   testing::internal::CaptureStderr();
   run();
   return testing::internal::GetCapturedStderr();
-}
-
-// Number of occurrences of `needle` in `text`.
-inline size_t Count(const std::string& text, const std::string& needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
-
-// Polls `done` every 10 ms for up to five seconds.
-inline bool WaitUntil(const std::function<bool()>& done) {
-  for (int i = 0; i < 500; ++i) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return done();
 }
 
 // A fresh, empty report buffer as commBufList with zeroed counters, for the
