@@ -24,6 +24,8 @@
 #include <vector>
 
 #include "tcapi.h"
+#include "wd_lock.h"
+#include "wd_timer.h"
 
 #include "../buffer_util.h"
 #include "../test_util.h"
@@ -41,6 +43,28 @@ std::string Said(F run) {
   testing::internal::CaptureStderr();
   run();
   return testing::internal::GetCapturedStderr();
+}
+
+// A timer clock that stands at `gTestNow` (in place of the monotonic clock;
+// see wd_timerSetClock).
+inline wdTimeVal gTestNow = {1000, 0};
+inline int TestClock(wdTimeVal* tv) {
+  *tv = gTestNow;
+  return 0;
+}
+
+// The periodic timers of module `mod`, as "id/interval@expiry seconds".
+inline std::vector<std::string> PeriodicTimers(int mod) {
+  wdLock lock(&timerMutex);
+  std::vector<std::string> out;
+  timerListIterator it;
+  for (void* e = timer_list_get_first(&periodic_time_list, &it); e; e = timer_list_get_next(&it)) {
+    const timerNode* t = static_cast<const timerNode*>(e);
+    if (t->arg != mod) continue;
+    out.push_back(std::to_string(t->id) + "/" + std::to_string(t->interval) + "@" +
+                  std::to_string(t->expiry.tv_sec));
+  }
+  return out;
 }
 
 // A fresh, empty report buffer as commBufList with zeroed counters, for the

@@ -3,8 +3,6 @@
 #include "wd_modthread.h"
 
 #include "wd_base.h"
-#include "wd_lock.h"
-#include "wd_timer.h"
 
 #include "unit_util.h"
 
@@ -142,34 +140,14 @@ TEST_F(ModThreadTest, ASecondStartOfARunningModuleChangesNothing) {
   debuglevel = 0;
 }
 
-wdTimeVal gNow;
-int FakeClock(wdTimeVal* tv) {
-  *tv = gNow;
-  return 0;
-}
-
-// The periodic timers of `mod`, as "id/interval@expiry seconds".
-std::vector<std::string> PeriodicTimers(int mod) {
-  wdLock lock(&timerMutex);
-  std::vector<std::string> out;
-  timerListIterator it;
-  for (void* e = timer_list_get_first(&periodic_time_list, &it); e; e = timer_list_get_next(&it)) {
-    const timerNode* t = static_cast<const timerNode*>(e);
-    if (t->arg != mod) continue;
-    out.push_back(std::to_string(t->id) + "/" + std::to_string(t->interval) + "@" +
-                  std::to_string(t->expiry.tv_sec));
-  }
-  return out;
-}
-
 TEST(ModPeriod, ANewPeriodReplacesTheTimerFromNowAndTheSamePeriodKeepsIt) {
-  wd_timerSetClock(FakeClock);
-  gNow = {1000, 0};
+  wd_timerSetClock(TestClock);
+  gTestNow = {1000, 0};
   gSubMod[MOD_ARP].timer = 60;
   int id = wd_startModPTimer(MOD_ARP, 60);
   ASSERT_NE(id, 0);
   const std::string first = std::to_string(id) + "/60000@1060";
-  gNow = {1010, 0};
+  gTestNow = {1010, 0};
   EXPECT_EQ(wd_changeModPeriod(MOD_ARP, 60, &id), 0);
   EXPECT_EQ(PeriodicTimers(MOD_ARP), std::vector<std::string>{first}) << "left alone";
   EXPECT_EQ(wd_changeModPeriod(MOD_ARP, 30, &id), 1);
