@@ -131,6 +131,10 @@ TEST(VoipStatsModule, QueriesPerModeAndAPeriodicTimerOnlyInModeTwo) {
       return tcapi_get("Watchdog_VoIPStats", "Query", reset) == 0 && strcmp(reset, "0") == 0;
     }));
   }
+  // Back to mode 2 with the period stored before: the timer stopped on the
+  // way is not started again.
+  EXPECT_EQ(change("2", "30"), "Query=0x4/ppp0\nwordData=2\n");
+  EXPECT_TRUE(PeriodicTimers(MOD_VOIP_STATS).empty());
 }
 
 TEST(IgmpModule, AnEmptyPeriodLeavesTheTimerAlone) {
