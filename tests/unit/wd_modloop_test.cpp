@@ -137,7 +137,7 @@ TEST(VoipStatsModule, QueriesPerModeAndAPeriodicTimerOnlyInModeTwo) {
   EXPECT_TRUE(PeriodicTimers(MOD_VOIP_STATS).empty());
 }
 
-TEST(IgmpModule, AnEmptyPeriodLeavesTheTimerAlone) {
+TEST(IgmpModule, AnEmptyPeriodLeavesTheTimerAloneAndAZeroOneStopsIt) {
   debuglevel = 1;
   tcapi_set("Watchdog_IGMP", "Period", "30");
   ModuleThread igmp(MOD_IGMP);
@@ -150,6 +150,19 @@ TEST(IgmpModule, AnEmptyPeriodLeavesTheTimerAlone) {
   EXPECT_TRUE(WaitUntil([] { return Count(ReadFile("/dev/console"), "IGMP TIMER_EXPIRED") == 1; }));
   EXPECT_EQ(PeriodicTimers(MOD_IGMP), armed);
   EXPECT_EQ(gSubMod[MOD_IGMP].timer.load(), 30u);
+  // "00" is not the text "0" but reads as 0: the timer stops, none starts.
+  // "0" stops a timer too; any other new period starts one.
+  for (const char* period : {"00", "60", "0"}) {
+    tcapi_set("Watchdog_IGMP", "Period", period);
+    igmp.Send(CONFIG_CHANGE);
+  }
+  igmp.Send(TIMER_EXPIRED);
+  EXPECT_TRUE(WaitUntil([] { return Count(ReadFile("/dev/console"), "IGMP TIMER_EXPIRED") == 2; }));
+  EXPECT_EQ(Count(ReadFile("/dev/console"), "Timer change, set new timer, 0"), 1u);
+  EXPECT_EQ(Count(ReadFile("/dev/console"), "Timer change, set new timer, 60"), 1u);
+  EXPECT_EQ(Count(ReadFile("/dev/console"), "clear timer"), 1u);
+  EXPECT_TRUE(PeriodicTimers(MOD_IGMP).empty());
+  EXPECT_EQ(gSubMod[MOD_IGMP].timer.load(), 0u);
   debuglevel = 0;
 }
 
