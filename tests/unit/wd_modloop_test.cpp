@@ -49,24 +49,32 @@ TEST(PeriodicInfo, AChangeWithoutTimerIsIgnoredAndNoMaskBitMeansNoReport) {
     info.Send(TIMER_EXPIRED);
     ASSERT_TRUE(WaitUntil([&] { return buffer.Lines().size() >= reports; }));
   };
-  auto change = [&](const char* verbosity) {
+  // A change with a new period each time: its timer shows that the module
+  // has read the change, before the next one is written.
+  auto change = [&](const char* verbosity, const std::string& timer) {
     if (verbosity == nullptr) tcapi_unset("Watchdog_WDInfo", "Verbosity");
     if (verbosity != nullptr) tcapi_set("Watchdog_WDInfo", "Verbosity", verbosity);
+    tcapi_set("Watchdog_WDInfo", "Timer", timer.c_str());
     info.Send(CONFIG_CHANGE);
+    ASSERT_TRUE(WaitUntil([&] {
+      std::vector<std::string> timers = PeriodicTimers(MOD_PERIODIC_INFO);
+      return timers.size() == 1 && timers[0].find("/" + timer + "000@") != std::string::npos;
+    }));
   };
   expire(1);
-  change("1");  // "Timer" cannot be read: the whole change is ignored
+  tcapi_set("Watchdog_WDInfo", "Verbosity", "1");
+  info.Send(CONFIG_CHANGE);  // "Timer" cannot be read: the whole change is ignored
   expire(2);
-  tcapi_set("Watchdog_WDInfo", "Timer", "0");
   // An unreadable verbosity reads as 0; neither it nor 16 selects a collector.
-  for (const char* quiet : {static_cast<const char*>(nullptr), "16", "0"}) {
-    change(quiet);
-    info.Send(TIMER_EXPIRED);
-  }
-  change("1");
+  change(nullptr, "101");
+  info.Send(TIMER_EXPIRED);
+  change("16", "102");
+  info.Send(TIMER_EXPIRED);
+  change("0", "103");
+  info.Send(TIMER_EXPIRED);
+  change("1", "104");
   expire(3);
   EXPECT_EQ(Categories(buffer), (std::vector<std::string>{"infprc", "infprc", "infgen"}));
-  EXPECT_TRUE(PeriodicTimers(MOD_PERIODIC_INFO).empty());
 }
 
 // What the VoIP statistics module last asked the voice application: the
@@ -152,15 +160,15 @@ TEST(IgmpModule, AnEmptyPeriodLeavesTheTimerAloneAndAZeroOneStopsIt) {
   EXPECT_EQ(gSubMod[MOD_IGMP].timer.load(), 30u);
   // "00" is not the text "0" but reads as 0: the timer stops, none starts.
   // "0" stops a timer too; any other new period starts one.
+  // Each change's trace shows it was read before the next is written.
   for (const char* period : {"00", "60", "0"}) {
     tcapi_set("Watchdog_IGMP", "Period", period);
     igmp.Send(CONFIG_CHANGE);
+    const std::string said = period[0] == '6'   ? "Timer change, set new timer, 60"
+                             : period[1] == '0' ? "Timer change, set new timer, 0"
+                                                : "clear timer";
+    EXPECT_TRUE(WaitUntil([&] { return Count(ReadFile("/dev/console"), said) == 1; })) << period;
   }
-  igmp.Send(TIMER_EXPIRED);
-  EXPECT_TRUE(WaitUntil([] { return Count(ReadFile("/dev/console"), "IGMP TIMER_EXPIRED") == 2; }));
-  EXPECT_EQ(Count(ReadFile("/dev/console"), "Timer change, set new timer, 0"), 1u);
-  EXPECT_EQ(Count(ReadFile("/dev/console"), "Timer change, set new timer, 60"), 1u);
-  EXPECT_EQ(Count(ReadFile("/dev/console"), "clear timer"), 1u);
   EXPECT_TRUE(PeriodicTimers(MOD_IGMP).empty());
   EXPECT_EQ(gSubMod[MOD_IGMP].timer.load(), 0u);
   debuglevel = 0;
