@@ -38,8 +38,9 @@ class ModThreadTest : public ::testing::Test {
   }
 };
 
-// A module's start rule: the attribute that decides it and what start-up says
-// when that attribute cannot be read and when it reads "0".
+// A module's start rule, in the order of start-up: the attribute that decides
+// it and what start-up says when that attribute cannot be read and when it
+// reads "0".
 struct StartRule {
   int mod;
   const char* node;
@@ -84,9 +85,12 @@ bool Started(const std::string& said, int mod) {
 TEST_F(ModThreadTest, EachModuleStartsOnlyWhenItsAttributeIsReadAndNotZero) {
   tcapi_set("Watchdog_TR069", "PITimer", "3");
   std::string unreadable = StartWith(nullptr), zero = StartWith("0"), set = StartWith("20");
+  size_t last = 0;  // the modules speak in the order of the table
   for (const StartRule& rule : kRules) {
     SCOPED_TRACE(rule.node);
     EXPECT_EQ(Count(unreadable, rule.unreadable), 1u);
+    EXPECT_GE(unreadable.find(rule.unreadable), last);
+    last = unreadable.find(rule.unreadable);
     EXPECT_EQ(Count(zero, rule.zero), 1u);
     EXPECT_EQ(Count(set, rule.zero) + Count(set, rule.unreadable), 0u);
     EXPECT_FALSE(Started(unreadable, rule.mod));
