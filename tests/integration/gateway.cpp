@@ -58,13 +58,6 @@ pid_t Spawn(const std::vector<std::string>& argv, const char* err = nullptr,
   return pid;
 }
 
-// The monotonic clock by system call, which libfaketime does not reach.
-int64_t RealMs() {
-  timespec ts;
-  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 }  // namespace
 
 std::string Installed(const std::string& program) {
@@ -115,20 +108,8 @@ bool Daemon::Running() const { return pid_ > 0 && kill(pid_, 0) == 0; }
 std::string Daemon::Stderr() const { return ReadFile(kDaemonStderr); }
 std::string Daemon::NewStderr() const { return Stderr().substr(readyMark_); }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
 void WriteFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
-}
-
-bool Exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
 }
 
 std::vector<std::string> Lines(const std::string& path) {
@@ -136,29 +117,6 @@ std::vector<std::string> Lines(const std::string& path) {
   std::istringstream in(ReadFile(path));
   for (std::string line; std::getline(in, line);) out.push_back(line);
   return out;
-}
-
-void RealSleepMs(int ms) {
-  // Under libfaketime ("x100") this process's sleeps are shortened: scale up.
-  const char* setting = getenv("FAKETIME");
-  const char* x = setting && getenv("LD_PRELOAD") ? strchr(setting, 'x') : nullptr;
-  int scale = x && atoi(x + 1) > 0 ? atoi(x + 1) : 1;
-  std::this_thread::sleep_for(std::chrono::milliseconds(ms * scale));
-}
-
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
-  int64_t end = RealMs() + timeoutMs;
-  while (!done()) {
-    if (RealMs() >= end) return false;
-    RealSleepMs(20);
-  }
-  return true;
-}
-
-size_t Count(const std::string& text, const std::string& needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
 }
 
 bool WaitFor(const std::string& path, const std::string& text, size_t n, int timeoutMs) {

@@ -20,6 +20,8 @@
 #include "libwdfunc.h"
 #include "wd_wire.h"
 
+#include "../test_util.h"
+
 namespace gw {
 
 // Programs of another target (MIPS) run through WD_EMULATOR, in the byte order
@@ -52,15 +54,13 @@ class Daemon {
   size_t readyMark_ = 0;
 };
 
-std::string ReadFile(const std::string& path);
+using wdtest::Count;
+using wdtest::Exists;
+using wdtest::ReadFile;
+using wdtest::RealSleepMs;
+using wdtest::WaitUntil;
 void WriteFile(const std::string& path, const std::string& text);
-bool Exists(const std::string& path);
 std::vector<std::string> Lines(const std::string& path);
-void RealSleepMs(int ms);  // real time, also in a process under libfaketime
-// Polls `done` every 20 ms until it holds or `timeoutMs` has passed, in real
-// time also in a process under libfaketime.
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs = 10000);
-size_t Count(const std::string& text, const std::string& needle);
 // Waits until the file at `path` holds `text` at least `n` times.
 bool WaitFor(const std::string& path, const std::string& text, size_t n = 1, int timeoutMs = 20000);
 constexpr const char* kConsole = "/dev/console";  // the captured debug console

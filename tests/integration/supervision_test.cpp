@@ -1,7 +1,7 @@
 // The TR-069 and process monitor modules in the running daemon (-d, 100 times
 // faster) against the gateway's real service processes: the TR-069 client
 // /userfs/bin/tr69 with the operator's ACS (acsSim), udhcpd, mini_httpd and
-// pppd. The TR-069 alarms' texts are checked by the module's unit test.
+// pppd.
 #include <signal.h>
 
 #include "gateway.h"
@@ -63,6 +63,15 @@ TEST_F(Supervision, SilentAcsRestartsTheClientInPeriodicMode) {
   ASSERT_TRUE(WaitLog("/var/log/tr69", "restartmode=periodic"));
   EXPECT_NE(Pid("tr69"), first);
   EXPECT_EQ(Count(Pid("tr69"), " "), 0u);  // one client
+  // The alarm stands while the restarted client goes unanswered; the next
+  // answer ceases it.
+  const std::string alarm = "ALARM_TR069_COMMNUNICATION_CPE_ACS_FAILURE-TR069_PROCESS_RESTART";
+  ASSERT_TRUE(gw::WaitReports("tr069", 1));
+  ASSERT_EQ(gw::Run("acsSim mode answer").status, 0);
+  ASSERT_TRUE(gw::WaitReports("tr069", 2));
+  std::vector<std::string> reports = Reports("tr069");
+  reports.resize(2);
+  EXPECT_EQ(reports, (std::vector<std::string>{alarm, "CEASE_TR069_COMMNUNICATION_CPE_ACS"}));
 }
 
 TEST_F(Supervision, StalledRegistrationRestoresTheFactoryCredentials) {
@@ -74,6 +83,8 @@ TEST_F(Supervision, StalledRegistrationRestoresTheFactoryCredentials) {
   ASSERT_TRUE(WaitLog("/var/log/tr69", "restartmode=boottrap"));
   // The restarted client registers from scratch with the factory credentials.
   EXPECT_TRUE(WaitLog("/var/log/acsSim", "inform BOOTSTRAP KPRTV4826 WBN5937", 2));
+  ASSERT_TRUE(gw::WaitReports("tr069", 1));
+  EXPECT_EQ(Reports("tr069")[0], "ALARM_TR069_REGISTRATION_FAILURE-TR069_PROCESS_RESTART");
 }
 
 TEST_F(Supervision, MonitorRestartsWhatIsDownAndReportsItAtTheNextCycle) {

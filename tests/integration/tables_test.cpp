@@ -3,6 +3,7 @@
 // LAN hosts behind br0, the WAN link on ppp0, nas1 and nas2, routes added and
 // deleted with ip, and the real syslog-ng taking the reports.
 #include "gateway.h"
+#include "tcapi.h"
 
 using gw::Count;
 using gw::Reports;
@@ -93,6 +94,16 @@ TEST_F(NetTables, ArpQueryReportsTheKernelTableAndResetEmptiesIt) {
   EXPECT_EQ(reports.back().substr(0, 31), "00:11:22:33:44:55|192.168.1.100");
 }
 
+TEST_F(NetTables, ArpReportsTheTableAtEachExpiry) {
+  SetConfig("Watchdog_ARP", "Timer", "60");
+  Ping("192.168.1.100");
+  Start();
+  // No query: each expiry reports the table.
+  ASSERT_TRUE(gw::WaitUntil([] {
+    return Count(gw::ReadFile("/var/log/messages"), "00:11:22:33:44:55|192.168.1.100|") >= 2;
+  }));
+}
+
 // Full tables reported so far: each starts with the default route.
 size_t RouteTables(const std::string& contains = "") {
   size_t n = 0;
@@ -107,17 +118,22 @@ size_t RouteTables(const std::string& contains = "") {
   return n + (!table.empty() && (contains.empty() || table.find(contains) != std::string::npos));
 }
 
-// The netlink socket of the route monitor, bound to the IPv4 route group.
-bool Monitoring() {
+// The inode of the route monitor's netlink socket, bound to the IPv4 route
+// group; empty when there is none.
+std::string MonitorSocket() {
   std::istringstream in(gw::ReadFile("/proc/net/netlink"));
   std::string line;
   while (std::getline(in, line)) {
     std::istringstream words(line);
-    std::string sk, eth, pid, groups;
-    if (words >> sk >> eth >> pid >> groups && eth == "0" && groups == "00000040") return true;
+    std::string sk, eth, pid, groups, skip, inode;
+    if (words >> sk >> eth >> pid >> groups && eth == "0" && groups == "00000040") {
+      while (words >> skip) inode = skip;
+      return inode;
+    }
   }
-  return false;
+  return "";
 }
+bool Monitoring() { return !MonitorSocket().empty(); }
 
 TEST_F(NetTables, RouteModesSwitchBetweenTimerAndKernelNotices) {
   SetConfig("Watchdog_Route", "Mode", "1");
@@ -172,6 +188,37 @@ TEST_F(NetTables, RouteModesSwitchBetweenTimerAndKernelNotices) {
   ASSERT_TRUE(gw::WaitUntil([] { return !Monitoring(); }));
   gw::ResultSocket result;
   EXPECT_TRUE(gw::WaitUntil([&] { return result.Query(MOD_IP_ROUTE) == WD_QUERY_NOT_RUNNING; }));
+}
+
+TEST_F(NetTables, RouteStartedInModeTwoWaitsForAChangeAndModeZeroEndsBothTriggers) {
+  SetConfig("Watchdog_Route", "Mode", "2");
+  SetConfig("Watchdog_Route", "Timer", "60");
+  SetConfig("Watchdog_WDInfo", "Timer", "60");  // the general status serves as a clock
+  SetConfig("Watchdog_WDInfo", "Verbosity", "1");
+  Start();
+  ASSERT_TRUE(gw::WaitReports("infgen", 3));
+  EXPECT_FALSE(Monitoring());
+  EXPECT_EQ(RouteTables(), 0u) << "no timer";
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil(Monitoring));
+  const std::string monitor = MonitorSocket();
+  // A change whose "Mode" cannot be read changes nothing: the same monitor
+  // runs after the next change.
+  size_t failed = Count(gw::Console(), "cmsObj get fail");
+  tcapi_unset("Watchdog_Route", "Mode");
+  Change(MOD_IP_ROUTE);
+  ASSERT_TRUE(gw::WaitUntil([&] { return Count(gw::Console(), "cmsObj get fail") > failed; }));
+  SetConfig("Watchdog_Route", "Mode", "2");
+  Route("Query", "1");
+  ASSERT_TRUE(RouteQueried());
+  EXPECT_EQ(MonitorSocket(), monitor);
+  ASSERT_TRUE(gw::WaitUntil([] { return RouteTables() == 1; }));
+  // Mode 0: the monitor ends and no timer starts.
+  Route("Mode", "0");
+  ASSERT_TRUE(gw::WaitUntil([] { return !Monitoring(); }));
+  size_t tables = RouteTables();
+  ASSERT_TRUE(gw::WaitReports("infgen", Reports("infgen").size() + 3));
+  EXPECT_EQ(RouteTables(), tables);
 }
 
 // A route that never ends (a script before BusyBox's in the PATH, hanging

@@ -1,4 +1,4 @@
-// The timer list's positions, iterator and failure results.
+// The timer list's iterator, as the timer thread walks and prunes its lists.
 #include "timer_list.h"
 
 #include "unit_util.h"
@@ -11,10 +11,7 @@ class TimerListTest : public ::testing::Test {
     ASSERT_EQ(timer_list_init(&list_), 0);
     for (const char* e = abcd_; *e; ++e) timer_list_add(&list_, const_cast<char*>(e), -1);
   }
-  void TearDown() override {
-    timer_list_special_free(&list_, nullptr);
-    timer_mallocHook = nullptr;
-  }
+  void TearDown() override { timer_list_special_free(&list_, nullptr); }
   std::string Order() {  // through the iterator
     std::string out;
     timerListIterator it;
@@ -24,31 +21,7 @@ class TimerListTest : public ::testing::Test {
   }
   timerList list_;
   char abcd_[5] = "abcd";
-  char x_ = 'x';
 };
-
-TEST_F(TimerListTest, AddGetAndRemoveByPosition) {
-  EXPECT_EQ(timer_list_add(&list_, &x_, 0), 5);
-  EXPECT_EQ(timer_list_add(&list_, &x_, 3), 6);
-  EXPECT_EQ(timer_list_add(&list_, &x_, 99), 7);
-  EXPECT_EQ(Order(), "xabxcdx");
-  EXPECT_EQ(timer_list_get(&list_, 1), &abcd_[0]);
-  EXPECT_EQ(timer_list_get(&list_, 7), nullptr);
-  EXPECT_EQ(timer_list_remove(&list_, -1), -1);
-  EXPECT_EQ(timer_list_remove(&list_, 7), -1);
-  EXPECT_EQ(timer_list_remove(&list_, 3), 6);
-  EXPECT_EQ(timer_list_eol(&list_, 5), 0);
-  EXPECT_EQ(timer_list_eol(&list_, 6), 1);
-  timer_mallocHook = [](size_t) -> void* { return nullptr; };
-  EXPECT_EQ(timer_list_add(&list_, &x_, 0), -1);
-  EXPECT_EQ(Order(), "xabcdx") << "unchanged when no cell can be had";
-  timerList empty;
-  timer_list_init(&empty);
-  timer_mallocHook = nullptr;
-  EXPECT_EQ(timer_list_add(&empty, &x_, 5), 1) << "an empty list takes any position";
-  timer_list_special_free(&empty, nullptr);
-  EXPECT_EQ(timer_list_size(nullptr), -1);
-}
 
 TEST_F(TimerListTest, IteratorRemove) {
   timerListIterator it;

@@ -24,18 +24,18 @@
 #include <vector>
 
 #include "tcapi.h"
+#include "wd_lock.h"
+#include "wd_timer.h"
 
 #include "../buffer_util.h"
+#include "../test_util.h"
 
-// The whole content of a file; empty when it cannot be read.
-inline std::string Slurp(const char* path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-inline bool Exists(const char* path) { return access(path, F_OK) == 0; }
+using wdtest::Count;
+using wdtest::Exists;
+using wdtest::ReadFile;
+using wdtest::WaitUntil;
+// The name the unit tests have always used for ReadFile.
+inline std::string Slurp(const std::string& path) { return ReadFile(path); }
 
 // What `run` wrote to the debug console (standard error).
 template <typename F>
@@ -45,20 +45,26 @@ std::string Said(F run) {
   return testing::internal::GetCapturedStderr();
 }
 
-// Number of occurrences of `needle` in `text`.
-inline size_t Count(const std::string& text, const std::string& needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
+// A timer clock that stands at `gTestNow` (in place of the monotonic clock;
+// see wd_timerSetClock).
+inline wdTimeVal gTestNow = {1000, 0};
+inline int TestClock(wdTimeVal* tv) {
+  *tv = gTestNow;
+  return 0;
 }
 
-// Polls `done` every 10 ms for up to five seconds.
-inline bool WaitUntil(const std::function<bool()>& done) {
-  for (int i = 0; i < 500; ++i) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+// The periodic timers of module `mod`, as "id/interval@expiry seconds".
+inline std::vector<std::string> PeriodicTimers(int mod) {
+  wdLock lock(&timerMutex);
+  std::vector<std::string> out;
+  timerListIterator it;
+  for (void* e = timer_list_get_first(&periodic_time_list, &it); e; e = timer_list_get_next(&it)) {
+    const timerNode* t = static_cast<const timerNode*>(e);
+    if (t->arg != mod) continue;
+    out.push_back(std::to_string(t->id) + "/" + std::to_string(t->interval) + "@" +
+                  std::to_string(t->expiry.tv_sec));
   }
-  return done();
+  return out;
 }
 
 // A fresh, empty report buffer as commBufList with zeroed counters, for the

@@ -12,7 +12,7 @@ namespace {
 bool Running(int mod) { return gSubMod[mod].threadId.load() != pthread_t{}; }
 
 class ModThreadTest : public ::testing::Test {
- protected:
+ public:
   void SetUp() override {
     unlink(TCAPI_TREE_PATH);
     wd_setModTable(kModTable, kModTableCount);
@@ -33,35 +33,80 @@ class ModThreadTest : public ::testing::Test {
   static std::string Create() {
     std::string out = Said(wd_creatModThreads) + "|";
     for (int id = 0; id < WD_MOD_NUM; ++id) {
-      if (Running(id)) out += " " + std::to_string(id);
+      if (Running(id)) out += " " + std::to_string(id) + " ";
     }
     EndAll();
     return out;
   }
 };
 
-TEST_F(ModThreadTest, ConfigurationDecidesWhichModulesStartAndWhatTheySay) {
-  EXPECT_EQ(Create(),
-            "\r\nget pppoe timer error!\r\n\r\ncreate MOD_PPPOE thread fail!\r\n"
-            "\r\nget tr069 RegisterTimer error!\r\n\r\ncreate MOD_TR069 thread fail!\r\n"
-            "\r\nget arp Timer error!\r\n\r\ncreate MOD_ARP thread fail!\r\n"
-            "\r\nget info Timer error!\r\n\r\ncreate MOD_PERIODIC_INFO thread fail!\r\n"
-            "\r\nget route Timer error!\r\n\r\ncreate MOD_IP_ROUTE thread fail!\r\n"
-            "get voipstatus registerTimer error!create MOD_VOIP_REGISTER thread fail!\r\n"
-            "| 6 7 9 10");
-  tcapi_set("Watchdog_PPP", "Timer", "0");
-  tcapi_set("Watchdog_TR069", "RegisterTimer", "60");
+// A module's start rule, in the order of start-up: the attribute that decides
+// it and what start-up says when that attribute cannot be read and when it
+// reads "0".
+struct StartRule {
+  int mod;
+  const char* node;
+  const char* attr;
+  const char* unreadable;
+  const char* zero;
+};
+const StartRule kRules[] = {
+    {MOD_PPPOE, "Watchdog_PPP", "Timer",
+     "\r\nget pppoe timer error!\r\n\r\ncreate MOD_PPPOE thread fail!\r\n",
+     "\r\npppObj->timer error!\r\n"},
+    {MOD_TR069, "Watchdog_TR069", "RegisterTimer",
+     "\r\nget tr069 RegisterTimer error!\r\n\r\ncreate MOD_TR069 thread fail!\r\n",
+     "\r\ntr069Obj->registerTimer = 0\r\n\r\ntr069Obj->registerTimer error!\r\n"},
+    {MOD_ARP, "Watchdog_ARP", "Timer",
+     "\r\nget arp Timer error!\r\n\r\ncreate MOD_ARP thread fail!\r\n",
+     "\r\narpObj->timer error!\r\n"},
+    {MOD_PERIODIC_INFO, "Watchdog_WDInfo", "Timer",
+     "\r\nget info Timer error!\r\n\r\ncreate MOD_PERIODIC_INFO thread fail!\r\n",
+     "\r\ninfoObj->timer error!\r\n"},
+    {MOD_IP_ROUTE, "Watchdog_Route", "Mode",
+     "\r\nget route Timer error!\r\n\r\ncreate MOD_IP_ROUTE thread fail!\r\n",
+     "\r\nget route Timer error!\r\n\r\ncreate MOD_IP_ROUTE thread fail!\r\n"},
+    {MOD_VOIP_REGISTER, "Watchdog_VoIPStatus", "RegisterTimer",
+     "get voipstatus registerTimer error!create MOD_VOIP_REGISTER thread fail!\r\n",
+     "voipStatusObj->registerTimer error!"},
+};
+
+// Sets every rule's attribute to `value` (unset for null) and runs the start.
+std::string StartWith(const char* value) {
+  for (const StartRule& rule : kRules) {
+    if (value == nullptr) tcapi_unset(rule.node, rule.attr);
+    if (value != nullptr) tcapi_set(rule.node, rule.attr, value);
+  }
+  return ModThreadTest::Create();
+}
+
+bool Started(const std::string& said, int mod) {
+  return said.find(" " + std::to_string(mod) + " ", said.find('|')) != std::string::npos;
+}
+
+TEST_F(ModThreadTest, EachModuleStartsOnlyWhenItsAttributeIsReadAndNotZero) {
+  tcapi_set("Watchdog_TR069", "PITimer", "3");
+  std::string unreadable = StartWith(nullptr), zero = StartWith("0"), set = StartWith("20");
+  size_t last = 0;  // the modules speak in the order of the table
+  for (const StartRule& rule : kRules) {
+    SCOPED_TRACE(rule.node);
+    EXPECT_EQ(Count(unreadable, rule.unreadable), 1u);
+    EXPECT_GE(unreadable.find(rule.unreadable), last);
+    last = unreadable.find(rule.unreadable);
+    EXPECT_EQ(Count(zero, rule.zero), 1u);
+    EXPECT_EQ(Count(set, rule.zero) + Count(set, rule.unreadable), 0u);
+    EXPECT_FALSE(Started(unreadable, rule.mod));
+    EXPECT_FALSE(Started(zero, rule.mod));
+    EXPECT_TRUE(Started(set, rule.mod));
+  }
+  // IGMP, VoIP statistics, the monitor and the general module always start.
+  for (int mod : {MOD_IGMP, MOD_VOIP_STATS, MOD_MONITOR, MOD_GENERAL})
+    EXPECT_TRUE(Started(unreadable, mod) && Started(zero, mod)) << mod;
+  // Without the limit of Inform answers, the TR-069 module does not start.
   tcapi_set("Watchdog_TR069", "PITimer", "0");
-  tcapi_set("Watchdog_ARP", "Timer", "0");
-  tcapi_set("Watchdog_WDInfo", "Timer", "0");
-  tcapi_set("Watchdog_Route", "Mode", "0");
-  tcapi_set("Watchdog_VoIPStatus", "RegisterTimer", "0");
-  EXPECT_EQ(Create(),
-            "\r\npppObj->timer error!\r\n"
-            "\r\ntr069Obj->registerTimer = 60\r\n\r\ntr069Obj->registerTimer error!\r\n"
-            "\r\narpObj->timer error!\r\n\r\ninfoObj->timer error!\r\n"
-            "\r\nget route Timer error!\r\n\r\ncreate MOD_IP_ROUTE thread fail!\r\n"
-            "voipStatusObj->registerTimer error!| 6 7 9 10");
+  std::string said = StartWith("20");
+  EXPECT_EQ(Count(said, "\r\ntr069Obj->registerTimer error!\r\n"), 1u);
+  EXPECT_FALSE(Started(said, MOD_TR069));
   tcapi_set("Watchdog_Common", "Enable", "0");
   EXPECT_EQ(Create(), "|") << "the feature is off";
 }
@@ -99,6 +144,27 @@ TEST_F(ModThreadTest, ASecondStartOfARunningModuleChangesNothing) {
   EXPECT_TRUE(pthread_equal(gSubMod[MOD_SAMPLE].threadId, first));
   EXPECT_EQ(gSubMod[MOD_SAMPLE].fd, fd) << "no second thread, no second channel";
   debuglevel = 0;
+}
+
+TEST(ModPeriod, ANewPeriodReplacesTheTimerFromNowAndTheSamePeriodKeepsIt) {
+  wd_timerSetClock(TestClock);
+  gTestNow = {1000, 0};
+  gSubMod[MOD_ARP].timer = 60;
+  int id = wd_startModPTimer(MOD_ARP, 60);
+  ASSERT_NE(id, 0);
+  const std::string first = std::to_string(id) + "/60000@1060";
+  gTestNow = {1010, 0};
+  EXPECT_EQ(wd_changeModPeriod(MOD_ARP, 60, &id), 0);
+  EXPECT_EQ(PeriodicTimers(MOD_ARP), std::vector<std::string>{first}) << "left alone";
+  EXPECT_EQ(wd_changeModPeriod(MOD_ARP, 30, &id), 1);
+  EXPECT_EQ(gSubMod[MOD_ARP].timer.load(), 30u);
+  // The old timer is gone; the new one counts from the change, not from the
+  // old one's expiry.
+  EXPECT_EQ(PeriodicTimers(MOD_ARP), std::vector<std::string>{std::to_string(id) + "/30000@1040"});
+  EXPECT_EQ(wd_changeModPeriod(MOD_ARP, 0, &id), 1);
+  EXPECT_EQ(id, 0);
+  EXPECT_TRUE(PeriodicTimers(MOD_ARP).empty());
+  wd_timerSetClock(nullptr);
 }
 
 TEST(ParseSetting, ATextThatIsNotANumberIsReadAsItsDigitsAndSaidSo) {

@@ -146,20 +146,22 @@ std::string General(const std::string& uptime, const std::string& meminfo,
 TEST(GeneralStatus, CpuMemoryAndUptimeFromTheLastSample) {
   old_total = 0;
   old_idle = 0;
+  // 124 of 300 in memory: 41.33 in floating point, 41.0 in integers.
   const std::string meminfo =
-      "MemTotal:         200000 kB\nMemFree:           50000 kB\nBuffers:           10000 kB\n"
-      "Cached:            22000 kB\nSwapCached:        99999 kB\n";
+      "MemTotal:         300000 kB\nMemFree:           90000 kB\nBuffers:           10000 kB\n"
+      "Cached:            24000 kB\nSwapCached:        99999 kB\n";
   EXPECT_EQ(General("100.25 50.00\n312.50 100.00\n", meminfo, "cpu  100 0 100 800 0 0 0 0 0 0\n"),
-            "20.0|41.0|312.50");                                                      // since boot
+            "20.0|41.3|312.50");                                                      // since boot
   EXPECT_EQ(General("", "", "cpu  100 0 100 1800 0 0 0 0 0 0\n"), "0.0|0.0|0.00");    // idle
   EXPECT_EQ(General("", "", "cpu  400 0 100 1800 0 0 0 0 0 0\n"), "100.0|0.0|0.00");  // busy
-  // 3 of 4 busy: 75, with the division truncated.
-  EXPECT_EQ(General("", "", "cpu  400 0 103 1801 0 0 0 0 0 0\n"), "75.0|0.0|0.00");
+  // 2 of 3 busy: 100 - 100 / 3 with the division truncated, 67 (66.7 in
+  // floating point).
+  EXPECT_EQ(General("", "", "cpu  400 0 102 1801 0 0 0 0 0 0\n"), "67.0|0.0|0.00");
   // No time has passed; no total memory.
-  EXPECT_EQ(General("", "MemFree: 5 kB\n", "cpu  400 0 103 1801 0 0 0 0 0 0\n"), "0.0|0.0|0.00");
+  EXPECT_EQ(General("", "MemFree: 5 kB\n", "cpu  400 0 102 1801 0 0 0 0 0 0\n"), "0.0|0.0|0.00");
   // Not a cpu line: read as a missing file, the stored counters stay.
   EXPECT_EQ(General("", "", "intr 12345\n"), "0.0|0.0|0.00");
-  EXPECT_EQ(old_total, 2304u);
+  EXPECT_EQ(old_total, 2303u);
   EXPECT_EQ(old_idle, 1801u);
 }
 

@@ -71,7 +71,9 @@ TEST_F(Tr069Test, RegistrationMustFollowTheNameChangeInTime) {
   Ticks(5);
   EXPECT_EQ(gWdModTR069.cur_caseflag, 0u);
   mod_tr069Event(CR_NAME_CHANGE);
-  Ticks(2);
+  Ticks(1);
+  mod_tr069Event(CR_NAME_CHANGE);  // case 1: the count goes on
+  Ticks(1);
   // A new limit takes effect at the next tick, against the counter as it stands.
   tcapi_set("Watchdog_TR069", "RegisterTimer", "4");
   mod_tr069Event(CONFIG_CHANGE);
@@ -117,25 +119,54 @@ TEST_F(Tr069Test, MissingInformResponsesAlarmOnceAndTheNextResponseCeases) {
   mod_tr069Event(GET_INFORM_RESPONSE);
   mod_tr069Event(GET_INFORM_RESPONSE);
   EXPECT_EQ(Reports(), (std::vector<std::string>{alarm, "CEASE_TR069_COMMNUNICATION_CPE_ACS"}));
+  // An Inform that comes when the counter has reached PITimer already (the
+  // answered limit is PITimer + periodInterval): the next tick restarts.
+  Ticks(5);
+  EXPECT_EQ(Reports().size(), 2u);
+  mod_tr069Event(GET_INFORM);
+  Ticks(1);
+  EXPECT_EQ(Reports().size(), 3u);
+  mod_tr069Event(GET_INFORM_RESPONSE);
+  buffer_.Clear();
   // An Inform unanswered for PITimer ticks.
   mod_tr069Event(GET_INFORM);
   Ticks(4);
-  EXPECT_EQ(Reports().size(), 2u);
+  EXPECT_EQ(Reports().size(), 0u);
   Ticks(1);
-  EXPECT_EQ(Reports().size(), 3u);
+  EXPECT_EQ(Reports().size(), 1u);
   // PITimer 0: the first tick after an Inform restarts, even with the alarm
   // standing.
   gWdModTR069.PITimer = 0;
   mod_tr069Event(GET_INFORM);
   Ticks(1);
-  EXPECT_EQ(Reports(),
-            (std::vector<std::string>{alarm, "CEASE_TR069_COMMNUNICATION_CPE_ACS", alarm, alarm}));
+  EXPECT_EQ(Reports(), (std::vector<std::string>{alarm, alarm}));
   // The 32-bit sum of the limits wraps.
   gWdModTR069.PITimer = 0xFFFFFFFFu;
   gWdModTR069.periodInterval = 2;
   mod_tr069Event(GET_INFORM_RESPONSE);
   Ticks(1);
-  EXPECT_EQ(Reports().size(), 6u);
+  EXPECT_EQ(Reports().size(), 4u);
+}
+
+TEST_F(Tr069Test, AChangeKeepsTheLimitsItCannotRead) {
+  wdmod_tr069Handler_init();
+  auto limits = [] {
+    mod_tr069Event(CONFIG_CHANGE);
+    return std::to_string(gWdModTR069.RegisterTimer) + " " + std::to_string(gWdModTR069.PITimer) +
+           " " + std::to_string(gWdModTR069.periodInterval);
+  };
+  EXPECT_EQ(limits(), "3 5 10");
+  // Without RegisterTimer, PITimer is not taken either; periodInterval is.
+  tcapi_unset("Watchdog_TR069", "RegisterTimer");
+  tcapi_set("Watchdog_TR069", "PITimer", "6");
+  tcapi_set("Cwmp_Entry", "periodInterval", "11");
+  EXPECT_EQ(limits(), "3 5 11");
+  tcapi_set("Watchdog_TR069", "RegisterTimer", "4");
+  tcapi_unset("Cwmp_Entry", "periodInterval");
+  EXPECT_EQ(limits(), "4 6 11");
+  // An unreadable PITimer reads as 0.
+  tcapi_unset("Watchdog_TR069", "PITimer");
+  EXPECT_EQ(limits(), "4 0 11");
 }
 
 }  // namespace
