@@ -2,6 +2,7 @@
 // them: the periodic info module's configuration, the VoIP statistics
 // module's queries and timer, and the IGMP module's period. The timer clock
 // stands still and no timer thread runs: timers are armed, never fired.
+#include "wd_modtable.h"
 #include "wd_modthread.h"
 #include "wd_voipstats.h"
 
@@ -16,6 +17,7 @@ class ModuleThread {
  public:
   explicit ModuleThread(int mod, uint32_t timer = 0) : mod_(mod) {
     wd_timerSetClock(TestClock);
+    wd_setModTable(kModTable, kModTableCount);
     wd_initSubModData();
     gSubMod[mod].timer = timer;
     EXPECT_EQ(wd_startModThread(mod), 0);
