@@ -394,10 +394,17 @@ TEST_F(BufferTest, BrokenLinksAndCountersAreFoundAndANullObjectIsLoudWhereChecke
   mid->obj = nullptr;
   EXPECT_STREQ(bufListBroken(&list_), "a node without an object");
 #if WD_CHECKED
-  EXPECT_DEATH(setBufAllUnsent(&list_),
+  EXPECT_DEATH(
+      {
+        wdLock lock(&bufMutex);
+        setBufAllUnsent(&list_);
+      },
                "invariant broken at .*wd_buffer.cpp:[0-9]+: n->obj != nullptr");
 #else
-  EXPECT_EQ(Said([&] { EXPECT_EQ(setBufAllUnsent(&list_), -1); }),
+  EXPECT_EQ(Said([&] {
+              wdLock lock(&bufMutex);
+              EXPECT_EQ(setBufAllUnsent(&list_), -1);
+            }),
             "No object or no message content!\n");
 #endif
   mid->obj = obj;
