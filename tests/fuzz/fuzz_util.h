@@ -33,6 +33,8 @@
 inline FILE* MemFile(const std::string& text) {
   return fmemopen(const_cast<char*>(text.data()), text.size(), "r");
 }
+// The stream reads the string's own bytes: a temporary would be gone first.
+FILE* MemFile(std::string&& text) = delete;
 
 // Splits the input at the line "--8<--" into at most `n` parts (the last one
 // takes the rest): for targets that read several files.

@@ -11,7 +11,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FreshBuffer();
   size = size < 262144 ? size : 262144;
   const char* command = "ifconfig ppp0";
-  FILE* f = MemFile(std::string(reinterpret_cast<const char*>(data), size));
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  FILE* f = MemFile(text);
   mod_generalReport(command, f);
   fclose(f);
   int number = 0;

@@ -7,7 +7,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FreshBuffer();
   addr_backup[0] = addr_6backup[0] = interface_status[0] = '\0';
-  FILE* f = MemFile(std::string(reinterpret_cast<const char*>(data), size));
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  FILE* f = MemFile(text);
   wdPppLinkScan scan = {};
   mod_pppoe_scanLink(f, &scan);
   fclose(f);

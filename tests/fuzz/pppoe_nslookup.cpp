@@ -5,7 +5,8 @@
 #include "fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FILE* f = MemFile(std::string(reinterpret_cast<const char*>(data), size));
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  FILE* f = MemFile(text);
   mod_pppoe_outputPassed(f, mod_pppoe_lookupLinePassed);
   fclose(f);
   return 0;
