@@ -256,24 +256,27 @@ void RestartSysklogng(void) {
     return;
   }
   char server[128] = {0};
-  bool remote = tcapi_get("Watchdog_Common", "URLSYSLOGServer", server) == 0 && server[0] != '\0';
-  if (!remote) {
+  char protocol[16] = {0};
+  if (tcapi_get("Watchdog_Common", "URLSYSLOGServer", server) != 0 || server[0] == '\0') {
     tcdbg_printf("URLSYSLOGServer is empty\n");
-  } else {
-    char protocol[16] = {0};
-    if (tcapi_get("Watchdog_Common", "Protocol", protocol) != 0) {
-      tcdbg_printf("get Watchdog_Common Protocol fail\n");
-      fclose(f);
-      return;
-    }
-    remote = AppendRemote(f, server, protocol);
+    server[0] = '\0';  // the local file
+  } else if (tcapi_get("Watchdog_Common", "Protocol", protocol) != 0) {
+    tcdbg_printf("get Watchdog_Common Protocol fail\n");
+    fclose(f);
+    return;
   }
-  if (!remote) fputs(kLocalDestination, f);
+  wd_sngAppendDestination(f, server, protocol);
   fputs(kLogStatement, f);
   fclose(f);
   tcdbg_printf("RestartSysklogng. %s\n", kStartCmd);
   const char* start[] = {"/usr/sbin/syslog-ng", "-f", kConfig, nullptr};
   wd_run(start, kStartSeconds);
+}
+
+bool wd_sngAppendDestination(FILE* f, const char* server, const char* protocol) {
+  bool remote = server[0] != '\0' && AppendRemote(f, server, protocol);
+  if (!remote) fputs(kLocalDestination, f);
+  return remote;
 }
 
 void TriggerDebugFlag(int) {

@@ -6,6 +6,8 @@
 #ifndef WATCHDOGD_RELAY_WD_SYSLOGNG_H
 #define WATCHDOGD_RELAY_WD_SYSLOGNG_H
 
+#include <stdio.h>
+
 #include "wd_buffer.h"
 
 // Where syslog-ng writes its pid.
@@ -36,6 +38,11 @@ int wd_sngLeadingPid(const char* text);
 // "PID USER VSZ STAT ..."; false for a line that does not give the four
 // fields.
 bool wd_sngMemoryOfLine(const char* line, long* pid, unsigned long* memory);
+// Appends syslog-ng's destination for the report lines to `f`: the remote
+// `server` ("HOST[:PORT]") over `protocol` when both can go into the
+// configuration, else (an empty server, or a value said on the debug console
+// to be unusable) the local file. true when the remote one was written.
+bool wd_sngAppendDestination(FILE* f, const char* server, const char* protocol);
 
 // Signal handlers (SIGUSR1: the relay's trace switch g_idebug; SIGUSR2: dump
 // of the buffer). They only note the request; wd_bufServeSignals carries it

@@ -5,7 +5,9 @@
 // values can end a string, a statement or the block, or start a comment or
 // a line: the destination holds exactly the quotes, semicolons, braces and
 // line ends of its fixed text.
-#include "wd_syslogng.cpp"
+#include "wd_syslogng.h"
+
+#include <algorithm>
 
 #include "fuzz_util.h"
 
@@ -19,9 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   char* text = nullptr;
   size_t len = 0;
   FILE* f = open_memstream(&text, &len);
-  // RestartSysklogng's choice between the remote and the local destination.
-  bool remote = server[0] != '\0' && AppendRemote(f, server, protocol);
-  if (!remote) fputs(kLocalDestination, f);
+  bool remote = wd_sngAppendDestination(f, server, protocol);
   fclose(f);
   std::string d(text, len);
   free(text);
