@@ -95,8 +95,9 @@ TEST(VoipStatsModule, QueriesPerModeAndAPeriodicTimerOnlyInModeTwo) {
   tcapi_set("Watchdog_VoIPStats", "Period", "60");
   tcapi_set("Watchdog_VoIPStats", "Query", "0");
   ModuleThread stats(MOD_VOIP_STATS, 60);
+  // The thread arms its timer after it opened the channel.
+  ASSERT_TRUE(WaitUntil([] { return PeriodicTimers(MOD_VOIP_STATS).size() == 1; }));
   const std::vector<std::string> first = PeriodicTimers(MOD_VOIP_STATS);
-  ASSERT_EQ(first.size(), 1u);
   // Sends `event` and waits for the query it makes; the query as written.
   auto query = [&](int event) {
     tcapi_unset("VoipCurSet_WDQuery", "Query");
@@ -151,8 +152,8 @@ TEST(IgmpModule, AnEmptyPeriodLeavesTheTimerAloneAndAZeroOneStopsIt) {
   debuglevel = 1;
   tcapi_set("Watchdog_IGMP", "Period", "30");
   ModuleThread igmp(MOD_IGMP);
+  ASSERT_TRUE(WaitUntil([] { return PeriodicTimers(MOD_IGMP).size() == 1; }));
   const std::vector<std::string> armed = PeriodicTimers(MOD_IGMP);
-  ASSERT_EQ(armed.size(), 1u);
   EXPECT_EQ(armed[0].substr(armed[0].find('/')), "/30000@1030");
   tcapi_set("Watchdog_IGMP", "Period", "");
   igmp.Send(CONFIG_CHANGE);
