@@ -153,12 +153,6 @@ int wd_startModPTimer(uint8_t modId, uint32_t seconds) {
   return id > 0 ? id : 0;
 }
 
-int wd_startModTimer(uint8_t modId) {
-  wdSubModEntry& entry = gSubMod[modId];
-  if (entry.timer == 0) entry.timer = wd_updateModTimer(modId);
-  return entry.timer != 0 ? wd_startModPTimer(modId, entry.timer) : 0;
-}
-
 int wd_startModTimer(const wdModDesc& desc) {
   wdSubModEntry& entry = gSubMod[desc.id];
   if (entry.timer == 0) entry.timer = wd_modPeriod(desc);

@@ -40,7 +40,6 @@ int wd_startModPTimer(uint8_t modId, uint32_t seconds);
 // The module's periodic timer at thread start: the entry's period, read from
 // the configuration when the entry holds 0, armed when it is not 0. Its id,
 // or 0 when none was started.
-int wd_startModTimer(uint8_t modId);
 int wd_startModTimer(const wdModDesc& desc);
 // A period read on a configuration change: when it differs from the entry's,
 // stops the periodic timer *timerId (when not 0), stores the period and arms

@@ -56,7 +56,7 @@ TEST(Tcapi, ConcurrentWritersFromThreadsAndProcessesLoseNothing) {
     waitpid(pid, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
-  EXPECT_EQ(Count(Slurp(TCAPI_TREE_PATH), "=v\n"), 7u * 25u);
+  EXPECT_EQ(Count(ReadFile(TCAPI_TREE_PATH), "=v\n"), 7u * 25u);
 }
 
 // A hook run with the node's name is seen by the module tests that commit

@@ -34,8 +34,6 @@ using wdtest::Count;
 using wdtest::Exists;
 using wdtest::ReadFile;
 using wdtest::WaitUntil;
-// The name the unit tests have always used for ReadFile.
-inline std::string Slurp(const std::string& path) { return ReadFile(path); }
 
 // What `run` wrote to the debug console (standard error).
 template <typename F>

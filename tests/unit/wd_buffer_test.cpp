@@ -172,14 +172,14 @@ TEST_F(BufferTest, PppLinesGoFirstInTheirOwnOrderAndTheSecondWritesFlash) {
   ASSERT_EQ(Push("B", 6), 0);
   ASSERT_EQ(Push("C", 6), 0);
   EXPECT_EQ(Lines(), (std::vector<std::string>{"3:A:6", "4:B:6", "5:C:6", "1:X:16", "2:Y:3"}));
-  EXPECT_EQ(Slurp(WD_FLASH_FILE), "5#2#3\nA#6\nB#6\nC#6\nX#16\nY#3\n");
+  EXPECT_EQ(ReadFile(WD_FLASH_FILE), "5#2#3\nA#6\nB#6\nC#6\nX#16\nY#3\n");
 }
 
 TEST_F(BufferTest, LimitsNumbersAndSearches) {
   SetSeq(29999);
   for (int i = 0; i < 500; ++i) ASSERT_EQ(Push("line " + std::to_string(i), 3), 0);
   EXPECT_EQ(Push("one too many", 3), -1);
-  EXPECT_EQ(Slurp(WD_FLASH_FILE).substr(0, 9), "500#499#0") << "a refusal writes the copy";
+  EXPECT_EQ(ReadFile(WD_FLASH_FILE).substr(0, 9), "500#499#0") << "a refusal writes the copy";
   for (int i = 0; i < 16; ++i) ASSERT_EQ(Push("ppp " + std::to_string(i), 6), 0);
   EXPECT_EQ(Push("17th ppp", 6), -1);
   EXPECT_EQ(wd_syslogPush("restored ppp", 6), 0) << "restored lines are never refused";
@@ -207,7 +207,7 @@ TEST_F(BufferTest, CopyIsWrittenForEveryChangeAndGoneWithTheLastLine) {
   // flash, and yet the copy must now hold C.
   Ack(2);
   Push("C", 6);
-  EXPECT_EQ(Slurp(WD_FLASH_FILE), "3#1#2\nB#6\nC#6\nX#3\n");
+  EXPECT_EQ(ReadFile(WD_FLASH_FILE), "3#1#2\nB#6\nC#6\nX#3\n");
   Ack(3);
   Ack(4);
   EXPECT_TRUE(Exists(WD_FLASH_FILE));
@@ -233,10 +233,10 @@ TEST_F(BufferTest, FailedWritesKeepTheOldCopyAndNeverFollowALink) {
   Save(&rc);
   EXPECT_EQ(rc, 0);
   EXPECT_FALSE(Exists("/data/elsewhere")) << "the planted link was not written through";
-  EXPECT_EQ(Slurp(WD_FLASH_FILE), "1#1#0\na#3\n");
+  EXPECT_EQ(ReadFile(WD_FLASH_FILE), "1#1#0\na#3\n");
   Push("evil\r\nmy.app.wd.ppp.x: 1|forged#6", 3);  // no record of its own on flash
   Save();
-  EXPECT_EQ(Slurp(WD_FLASH_FILE), "2#2#0\na#3\nevil  my.app.wd.ppp.x: 1|forged#6#3\n");
+  EXPECT_EQ(ReadFile(WD_FLASH_FILE), "2#2#0\na#3\nevil  my.app.wd.ppp.x: 1|forged#6#3\n");
 }
 
 // Every step of a save (open, write, sync, close, rename, directory sync, the

@@ -63,7 +63,7 @@ TEST(GeneralModule, AConfiguredCommandRunsWhenItIsNewAndNotCut) {
   EXPECT_EQ(change("echo two"), 3u) << "cleared in between: runs again";
   std::string said = Said([&] { EXPECT_EQ(change("echo " + std::string(538, 'x')), 3u); });
   EXPECT_EQ(said, "ShellCommand of 543 characters or more may be cut, not run\n");
-  std::string console = Slurp("/dev/console");
+  std::string console = ReadFile("/dev/console");
   EXPECT_EQ(Count(console, "ShellCommand \"echo one\" has run already"), 1u);
   EXPECT_EQ(Count(console, "ShellCommand is empty"), 1u);
   debuglevel = 0;

@@ -140,7 +140,7 @@ TEST_F(ModThreadTest, ASecondStartOfARunningModuleChangesNothing) {
   EXPECT_EQ(Said([] { EXPECT_EQ(wd_startModThread(MOD_SAMPLE), EALREADY); }),
             "module 11 is already running\n");
   wd_simpleSendMsg(TIMER_EXPIRED, 0, MOD_SAMPLE, nullptr, 0);
-  EXPECT_TRUE(WaitUntil([] { return Count(Slurp("/dev/console"), "type#1#") == 1; }));
+  EXPECT_TRUE(WaitUntil([] { return Count(ReadFile("/dev/console"), "type#1#") == 1; }));
   EXPECT_TRUE(pthread_equal(gSubMod[MOD_SAMPLE].threadId, first));
   EXPECT_EQ(gSubMod[MOD_SAMPLE].fd, fd) << "no second thread, no second channel";
   debuglevel = 0;

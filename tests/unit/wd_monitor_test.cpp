@@ -30,13 +30,13 @@ TEST(Monitor, DownProcessesAreRestartedUnlessTheirServiceIsOffAndReportedInOrder
   MonitorCheckResult result;
   wdmod_monitorTimerExpire(&result);
   EXPECT_EQ(result.downMask, 5u);
-  EXPECT_EQ(Slurp("/tmp/commits"), "Wan_PVC0\n");  // the DHCP server is off
+  EXPECT_EQ(ReadFile("/tmp/commits"), "Wan_PVC0\n");  // the DHCP server is off
 
   // An unreadable "type" is not "0"; an "ENCAP" without PPPoE is not re-dialed.
   tcapi_unset("Lan_Dhcp", "type");
   tcapi_set("Wan_PVC0", "ENCAP", "IPoE");
   mod_monitorCycle();
-  EXPECT_EQ(Slurp("/tmp/commits"), "Wan_PVC0\nDhcpd_Common\n");
+  EXPECT_EQ(ReadFile("/tmp/commits"), "Wan_PVC0\nDhcpd_Common\n");
   EXPECT_EQ(buffer.Texts("ps"),
             (std::vector<std::string>{"dhcpd|Internal error", "pppd|Internal error"}));
   kill(httpd, SIGKILL);

@@ -55,7 +55,7 @@ TEST_F(PppoeTest, ResetCommitsOnlyAPppoeConnectionAndAlarmsSayNullForTheUnseen) 
     tcapi_set("Wan_PVC0", "ENCAP", encap);
     mod_pppoe_reset_ppp();
   }
-  EXPECT_EQ(Slurp("/tmp/redial"), "re-dial\n");
+  EXPECT_EQ(ReadFile("/tmp/redial"), "re-dial\n");
 
   mod_pppoe_AlarmSyslog("PPP_DOWN_NO_RESET");
   memset(interface_status, 'f', 255);

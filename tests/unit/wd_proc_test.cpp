@@ -116,7 +116,7 @@ TEST(Output, KeptUpToItsCapAndAFullPipeNeverHoldsTheProgram) {
   std::string expected;
   for (int i = 0; i < 500; ++i) expected += "y\n";
   EXPECT_EQ(yes.out, expected);
-  EXPECT_EQ(Slurp("/tmp/out"), expected);
+  EXPECT_EQ(ReadFile("/tmp/out"), expected);
   EXPECT_FALSE(Exists("/tmp/target"));
 }
 

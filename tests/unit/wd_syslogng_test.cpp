@@ -24,7 +24,7 @@ class SyslogNgTest : public ::testing::Test {
   void TearDown() override { kill_process("/var/run/syslog-ng.pid", "syslog-ng"); }
   static std::string Restart() { return Said(RestartSysklogng); }
   static std::string Appended() {
-    return Slurp("/var/syslog-ng.conf").substr(Slurp("/etc/syslog-ng.conf").size());
+    return ReadFile("/var/syslog-ng.conf").substr(ReadFile("/etc/syslog-ng.conf").size());
   }
 };
 
@@ -49,7 +49,7 @@ TEST_F(SyslogNgTest, KillProcessKillsOnlyTheNamedProcess) {
     pause();
     _exit(0);
   }
-  std::string comm = Slurp("/proc/self/comm");  // the child's name too
+  std::string comm = ReadFile("/proc/self/comm");  // the child's name too
   comm.pop_back();
   for (const std::string& text : {std::string("0"), std::string("-1"), std::to_string(child)}) {
     Write("/var/run/x.pid", text + "\n");
