@@ -23,7 +23,15 @@ class NetTables : public ::testing::Test {
  protected:
   void SetUp() override { SetConfig("Watchdog_Common", "Enable", "1"); }
   void Start() { ASSERT_TRUE(daemon_.Start({"-d"})); }
+  // Tells module `mod` that its configuration changed, once its channel is
+  // there: the daemon is ready before its module threads have opened their
+  // channels, and an event for a module without one is lost.
   static void Change(uint16_t mod) {
+    const std::string path = mod == MOD_ARP        ? "/var/wd_arp.chanl"
+                             : mod == MOD_IP_ROUTE ? "/var/wd_ip_route.chanl"
+                                                   : "/var/wd_periodic_info.chanl";
+    ASSERT_TRUE(mod == MOD_ARP || mod == MOD_IP_ROUTE || mod == MOD_PERIODIC_INFO) << mod;
+    ASSERT_TRUE(gw::WaitUntil([&] { return gw::Exists(path); }));
     ASSERT_TRUE(gw::SendCommand(MSG_QORVWATCHDOG_CONFIG_CHANGE, mod));
   }
   // Sets the two requests of the ARP module and tells it.
