@@ -255,18 +255,26 @@ void wd_chanlClose(wdChanl* ch) {
   ch->fd = -1;
 }
 
-void wd_waitDispatch(int fd, size_t size, wdDispatchFn fn, void* ctx) {
+void wd_waitDispatch(int fd, size_t size, wdDispatchFn fn, void* ctx, wdWaitLimitFn limit) {
   for (;;) {
     wdDispatch d = {WD_DISPATCH_DATAGRAM, 0, nullptr, 0};
     fd_set ready;
     FD_ZERO(&ready);
     FD_SET(fd, &ready);
-    d.waitResult = select(fd + 1, &ready, nullptr, nullptr, nullptr);
+    // select, which libfaketime speeds up with the clock.
+    timeval timeout, *until = nullptr;
+    int64_t us = limit != nullptr ? limit(ctx) : -1;
+    if (us >= 0) {
+      timeout.tv_sec = static_cast<time_t>(us / 1000000);
+      timeout.tv_usec = static_cast<suseconds_t>(us % 1000000);
+      until = &timeout;
+    }
+    d.waitResult = select(fd + 1, &ready, nullptr, nullptr, until);
     void* buf = nullptr;
     if (d.waitResult == -1) {
       d.what = WD_DISPATCH_WAIT_ERROR;
     } else if (d.waitResult == 0) {
-      d.what = WD_DISPATCH_WAIT_TIMEOUT;
+      d.what = until != nullptr ? WD_DISPATCH_LIMIT : WD_DISPATCH_WAIT_TIMEOUT;
     } else if (!FD_ISSET(fd, &ready)) {
       d.what = WD_DISPATCH_NOT_SET;
     } else if ((buf = calloc(1, size + 1)) == nullptr) {

@@ -12,6 +12,7 @@
 #define WATCHDOGD_CORE_WD_CHANL_H
 
 #include <pthread.h>
+#include <stdint.h>
 #include <sys/select.h>
 #include <sys/un.h>
 #include <time.h>
@@ -79,7 +80,8 @@ enum wdDispatchCase {
   WD_DISPATCH_RECV_FAILED,   // the receive failed (errno tells why)
   WD_DISPATCH_NO_MEMORY,     // no buffer: the datagram stays queued
   WD_DISPATCH_WAIT_ERROR,    // the wait failed; `waitResult` is select's -1
-  WD_DISPATCH_WAIT_TIMEOUT,  // select returned 0 (it has no time limit)
+  WD_DISPATCH_WAIT_TIMEOUT,  // select returned 0 without a time limit
+  WD_DISPATCH_LIMIT,         // the time limit passed with nothing to receive
   WD_DISPATCH_NOT_SET,       // the wait ended without the descriptor ready
 };
 struct wdDispatch {
@@ -90,11 +92,17 @@ struct wdDispatch {
 };
 // Answers true to go on waiting, false to end the loop.
 typedef bool (*wdDispatchFn)(const wdDispatch& d, void* ctx);
-// Waits without time limit until `fd` is readable (select on a set that holds
-// `fd` alone), receives one datagram of at most `size` bytes into a fresh
-// zeroed buffer and hands it, or what else ended the wait, to `fn`. The
-// buffer is released when `fn` returns. Returns when `fn` answers false.
-void wd_waitDispatch(int fd, size_t size, wdDispatchFn fn, void* ctx);
+// Asked before each wait: how long it may last at most, in microseconds
+// (relative, on the monotonic clock); negative for no limit.
+typedef int64_t (*wdWaitLimitFn)(void* ctx);
+// Waits until `fd` is readable (select on a set that holds `fd` alone),
+// receives one datagram of at most `size` bytes into a fresh zeroed buffer
+// and hands it, or what else ended the wait, to `fn`. The buffer is released
+// when `fn` returns. Returns when `fn` answers false. Without `limit` each
+// wait has no time limit; with it, a wait that reaches its limit ends as
+// WD_DISPATCH_LIMIT.
+void wd_waitDispatch(int fd, size_t size, wdDispatchFn fn, void* ctx,
+                     wdWaitLimitFn limit = nullptr);
 
 // Fills `addr` with the channel address of module `modId`.
 void wd_chanlAddr(int modId, sockaddr_un* addr);

@@ -41,6 +41,7 @@ wdLoopAction Dispatch(wdMsg* msg, void* ctx) {
 [[noreturn]] void EndModule(uint8_t modId, wdChanl* ch) {
   wdSubModEntry& entry = gSubMod[modId];
   entry.timer = 0;
+  wd_timerServeEnd();  // timers still armed for the module go to the timer thread
   // Only what is this thread's own: a second thread started for the same
   // module meanwhile keeps its channel and its id.
   if (ch != nullptr) wd_chanlClose(ch);
@@ -89,6 +90,9 @@ void wd_runModule(const wdModDesc& desc, void* arg) {
     if (desc.timer.oneShot) wd_pppthreadExit(desc.id, 0, nullptr);
     wd_threadExit(desc.id, 0, nullptr);
   }
+  // The timers this thread arms for its module are its own to serve: its
+  // loop waits until they are due and calls them (wd_modLoop).
+  wd_timerServe(desc.id);
   if (desc.thread.init != nullptr) desc.thread.init(&run);
   if (desc.timer.kind == WD_MOD_TIMER_PERIOD) {
     run.timerId = wd_startModTimer(desc);
@@ -202,6 +206,9 @@ void wd_modLoop(const wdChanl* ch, const wdModLoopText& text,
         wd_dbgTrace(l.text.handlerName, line, m.text, value);
     };
     switch (d.what) {
+      case WD_DISPATCH_LIMIT:
+        wd_timerServedPass(false);
+        break;
       case WD_DISPATCH_WAIT_ERROR:
         say(__LINE__, l.text.selectError, d.waitResult);
         break;
@@ -225,5 +232,14 @@ void wd_modLoop(const wdChanl* ch, const wdModLoopText& text,
     }
     return true;
   };
-  wd_waitDispatch(ch->fd, WD_MSG_SIZE, dispatch, &loop);
+  // Each wait lasts until the thread's own earliest timer is due; one found
+  // due already (the thread was busy when it fell due) is called first.
+  auto limit = [](void*) -> int64_t {
+    for (;;) {
+      int64_t us = wd_timerServedWait();
+      if (us != 0) return us;
+      wd_timerServedPass(true);
+    }
+  };
+  wd_waitDispatch(ch->fd, WD_MSG_SIZE, dispatch, &loop, limit);
 }

@@ -76,7 +76,9 @@ struct wdModLoopText {
 
 enum wdLoopAction { WD_LOOP_CONTINUE, WD_LOOP_EXIT };
 
-// The common module loop on the thread's channel `ch`: waits, receives one
+// The common module loop on the thread's channel `ch`: waits (at most until
+// the earliest timer the thread serves is due, and then calls the due ones:
+// wd_timerServedWait, wd_timerServedPass), receives one
 // wdMsg at a time into a fresh zeroed 8016-byte buffer and hands it to
 // `onMsg`, releasing the buffer afterwards. Returns when `onMsg` answers
 // WD_LOOP_EXIT (THREAD_EXIT); the caller then ends the thread.

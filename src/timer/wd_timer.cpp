@@ -8,7 +8,9 @@
 //
 // Between passes the timer thread sleeps until the earliest due time of any
 // timer (without limit when none is armed). Arming a timer due before that,
-// or stopping the one it sleeps for, wakes it through an eventfd.
+// or stopping the one it sleeps for, wakes it through an eventfd. A timer
+// that a module thread serves (server != 0) is that thread's alone: the
+// timer thread's passes and sleeps leave it out.
 #include "wd_timer.h"
 
 #include <errno.h>
@@ -61,6 +63,11 @@ int gWakeFd = -1;  // the timer thread's eventfd; -1 until wd_timerInit
 // without limit, INT64_MIN once a wake is on its way (it will look anew).
 int64_t gSleepUntilUs WD_GUARDED_BY(timerMutex) = INT64_MIN;
 
+int gServers WD_GUARDED_BY(timerMutex) = 0;  // the last server token given
+// The calling thread's server token (0: it serves no timers) and its module.
+thread_local int tlServer = 0;
+thread_local int tlServedMod = -1;
+
 int64_t Us(const wdTimeVal& t) { return t.tv_sec * 1000000 + t.tv_usec; }
 
 void WakeTimerThread() {
@@ -84,7 +91,7 @@ struct TimerStats {
   int32_t wakeUs[kStatsRoom];  // the wait beyond its timeout
   int expiries, wakes, dropped;
 };
-TimerStats gStats;  // the timer thread's alone
+TimerStats gStats WD_GUARDED_BY(timerMutex);
 std::atomic<int> gStatsRequests{0};
 
 void OnStatsSignal(int) { gStatsRequests.fetch_add(1); }
@@ -93,7 +100,7 @@ bool IsModuleTimer(wdTimerCallback callback) {
   return callback == wd_sendModTimeout || callback == wd_sendModPPPTimeout;
 }
 
-void NoteExpiry(const wdTimeVal* now, const wdTimeVal* expiry, int arg) {
+void NoteExpiry(const wdTimeVal* now, const wdTimeVal* expiry, int arg) WD_REQUIRES(timerMutex) {
   if (gStats.expiries == kStatsRoom) {
     ++gStats.dropped;
     return;
@@ -103,7 +110,7 @@ void NoteExpiry(const wdTimeVal* now, const wdTimeVal* expiry, int arg) {
   gStats.expiryMod[gStats.expiries++] = static_cast<int8_t>(arg);
 }
 
-void NoteWake(int64_t lateUs) {
+void NoteWake(int64_t lateUs) WD_REQUIRES(timerMutex) {
   if (gStats.wakes == kStatsRoom) {
     ++gStats.dropped;
     return;
@@ -111,7 +118,8 @@ void NoteWake(int64_t lateUs) {
   gStats.wakeUs[gStats.wakes++] = static_cast<int32_t>(lateUs);
 }
 
-void WriteStats() {
+void WriteStats() WD_EXCLUDES(timerMutex) {
+  wdLock lock(&timerMutex);
   int fd = wd_createFresh("/tmp/wd_timer_stats.tmp", 0600);
   FILE* f = fd >= 0 ? fdopen(fd, "w") : nullptr;
   if (f == nullptr && fd >= 0) close(fd);
@@ -150,6 +158,7 @@ timerNode* NewTimer(const wdTimeVal* now, int id, int interval, wdTimerCallback 
   t->arg = arg;
   t->callback = callback;
   t->due = nullptr;
+  t->server = 0;
   return t;
 }
 
@@ -184,18 +193,28 @@ int Arm(timerList* list, int id, int interval, wdTimerCallback callback, int arg
         break;
       }
     }
+    // A module thread serves what it arms for its own module; a periodic
+    // timer shorter than the pass gap stays the timer thread's.
+    int period = old != nullptr ? old->interval : interval;
+    int server = tlServer != 0 && arg == tlServedMod &&
+                         (list != &periodic_time_list || period >= kPassGapUs / 1000)
+                     ? tlServer
+                     : 0;
     if (old != nullptr) {
       // Moved, possibly later: the thread may sleep for its old due time,
       // which then only costs a pass with nothing to do.
       old->expiry = t->expiry;
       old->arg = arg;
       old->callback = callback;
+      old->server = server;
       timer_free(t);
     } else if (timer_list_add(list, t, list->count) < 0) {
       timer_free(t);
       return -1;
+    } else {
+      t->server = server;
     }
-    if (due < gSleepUntilUs) {
+    if (server == 0 && due < gSleepUntilUs) {
       gSleepUntilUs = INT64_MIN;
       wake = true;
     }
@@ -214,7 +233,7 @@ int Disarm(timerList* list, int id) WD_EXCLUDES(timerMutex) {
       timerNode* t = static_cast<timerNode*>(e);
       if (t->id == id) {
         // The thread sleeps for this one: it wakes and sleeps anew for the next.
-        if (Us(t->expiry) <= gSleepUntilUs && gSleepUntilUs != INT64_MIN) {
+        if (t->server == 0 && Us(t->expiry) <= gSleepUntilUs && gSleepUntilUs != INT64_MIN) {
           gSleepUntilUs = INT64_MIN;
           wake = true;
         }
@@ -237,12 +256,14 @@ int64_t NextDue(int64_t passUs) WD_EXCLUDES(timerMutex) {
   int64_t next = INT64_MAX;
   timerListIterator it;
   for (void* e = timer_list_get_first(&time_list, &it); e != nullptr; e = timer_list_get_next(&it)) {
-    int64_t due = Us(static_cast<timerNode*>(e)->expiry);
-    if (due < next) next = due;
+    const timerNode* t = static_cast<timerNode*>(e);
+    int64_t due = Us(t->expiry);
+    if (t->server == 0 && due < next) next = due;
   }
   for (void* e = timer_list_get_first(&periodic_time_list, &it); e != nullptr;
        e = timer_list_get_next(&it)) {
     const timerNode* t = static_cast<timerNode*>(e);
+    if (t->server != 0) continue;
     int64_t due = Us(t->expiry);
     if (t->interval < kPassGapUs / 1000 && due < passUs + kPassGapUs) due = passUs + kPassGapUs;
     if (due < next) next = due;
@@ -277,7 +298,10 @@ void SleepUntil(int64_t untilUs) {
   int64_t before = wd_monotonicUs();
   // A wait cut short by the signal or a wake is no sample.
   int ready = select(nfds, &wake, nullptr, nullptr, limit);
-  if (ready == 0) NoteWake(wd_monotonicUs() - before - leftUs);
+  if (ready == 0) {
+    wdLock lock(&timerMutex);
+    NoteWake(wd_monotonicUs() - before - leftUs);
+  }
   if (gStatsRequests.exchange(0) > 0) WriteStats();
 #else
   int ready = select(nfds, &wake, nullptr, nullptr, limit);
@@ -371,7 +395,7 @@ void wd_timerPass(const wdTimeVal* now) {
     void* e = timer_list_get_first(&time_list, &it);
     while (e != nullptr) {
       timerNode* t = static_cast<timerNode*>(e);
-      if (IsDue(t, now)) {
+      if (t->server == 0 && IsDue(t, now)) {
 #ifdef WD_TIMER_STATS
         if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
 #endif
@@ -387,7 +411,7 @@ void wd_timerPass(const wdTimeVal* now) {
     for (e = timer_list_get_first(&periodic_time_list, &it); e != nullptr && calls < noted.size();
          e = timer_list_get_next(&it)) {
       timerNode* t = static_cast<timerNode*>(e);
-      if (!IsDue(t, now)) continue;
+      if (t->server != 0 || !IsDue(t, now)) continue;
 #ifdef WD_TIMER_STATS
       if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
 #endif
@@ -435,6 +459,106 @@ void* wd_timerProc(void*) {
     }
   }
   return nullptr;
+}
+
+void wd_timerServe(int modId) {
+  wdLock lock(&timerMutex);
+  tlServer = ++gServers;
+  tlServedMod = modId;
+}
+
+void wd_timerServeEnd(void) {
+  if (tlServer == 0) return;
+  bool left = false;
+  {
+    wdLock lock(&timerMutex);
+    for (timerList* list : {&time_list, &periodic_time_list}) {
+      timerListIterator it;
+      for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
+        timerNode* t = static_cast<timerNode*>(e);
+        if (t->server != tlServer) continue;
+        t->server = 0;
+        left = true;
+      }
+    }
+    if (left) gSleepUntilUs = INT64_MIN;
+  }
+  tlServer = 0;
+  tlServedMod = -1;
+  if (left) WakeTimerThread();
+}
+
+int64_t wd_timerServedWait(void) {
+  if (tlServer == 0) return -1;
+  wdTimeVal now;
+  if (gClock(&now) != 0) return kPassGapUs;  // tried again, as the timer thread does
+  int64_t next = INT64_MAX;
+  {
+    wdLock lock(&timerMutex);
+    for (timerList* list : {&time_list, &periodic_time_list}) {
+      timerListIterator it;
+      for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
+        const timerNode* t = static_cast<timerNode*>(e);
+        if (t->server == tlServer && Us(t->expiry) < next) next = Us(t->expiry);
+      }
+    }
+  }
+  if (next == INT64_MAX) return -1;
+  return next > Us(now) ? next - Us(now) : 0;
+}
+
+void wd_timerServedPass(bool late) {
+  if (tlServer == 0) return;
+  wdTimeVal now;
+  if (gClock(&now) != 0) return;
+  // A module has a few timers; calls beyond this room stay due and are made
+  // in the next pass, which the next wait starts at once.
+  constexpr int kRoom = 16;
+  struct Noted {
+    wdTimerCallback callback;
+    int id;
+    int arg;
+  } noted[kRoom];
+  int calls = 0;
+  timerNode* dueFirst = nullptr;
+  timerNode** dueLast = &dueFirst;
+  {
+    wdLock lock(&timerMutex);
+    timerListIterator it;
+    void* e = timer_list_get_first(&time_list, &it);
+    while (e != nullptr) {
+      timerNode* t = static_cast<timerNode*>(e);
+      if (t->server == tlServer && IsDue(t, &now)) {
+#ifdef WD_TIMER_STATS
+        if (IsModuleTimer(t->callback)) NoteExpiry(&now, &t->expiry, t->arg);
+#endif
+        t->due = nullptr;
+        *dueLast = t;
+        dueLast = &t->due;
+        e = timer_list_iterator_remove(&it);
+      } else {
+        e = timer_list_get_next(&it);
+      }
+    }
+    for (e = timer_list_get_first(&periodic_time_list, &it); e != nullptr && calls < kRoom;
+         e = timer_list_get_next(&it)) {
+      timerNode* t = static_cast<timerNode*>(e);
+      while (t->server == tlServer && IsDue(t, &now) && calls < kRoom) {
+#ifdef WD_TIMER_STATS
+        if (IsModuleTimer(t->callback)) NoteExpiry(&now, &t->expiry, t->arg);
+#endif
+        noted[calls++] = Noted{t->callback, t->id, t->arg};
+        if (!late) {
+          ExpiryAfter(&now, t->interval, t);
+          break;
+        }
+        wdTimeVal due = t->expiry;
+        ExpiryAfter(&due, t->interval, t);
+      }
+    }
+  }
+  CallRemoved(dueFirst);
+  for (int i = 0; i < calls; ++i) noted[i].callback(noted[i].id, noted[i].arg);
 }
 
 int wd_addTimer(int id, int interval, wdTimerCallback callback, int arg) {

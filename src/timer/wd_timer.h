@@ -3,7 +3,8 @@
 //
 // Threads: the timer thread (wd_timerProc) makes a pass when the earliest
 // timer is due, on the monotonic clock, and calls the callbacks of due timers;
-// module and relay threads arm and stop timers. timerMutex guards both lists, every timer in
+// module and relay threads arm and stop timers, and a module thread calls
+// the timers it serves itself (wd_timerServe). timerMutex guards both lists, every timer in
 // them and tmIdIndex; callbacks run without it. Every callback of the daemon
 // turns an expiry into an event on a module channel.
 #ifndef WATCHDOGD_TIMER_WD_TIMER_H
@@ -35,6 +36,7 @@ typedef struct timerNode {
   wdTimeVal expiry WD_GUARDED_BY(timerMutex);  // monotonic; microseconds below 1,000,000
   wdTimerCallback callback WD_GUARDED_BY(timerMutex);
   struct timerNode* due WD_GUARDED_BY(timerMutex);  // the next due one-shot timer within one pass
+  int server WD_GUARDED_BY(timerMutex);  // the module thread that serves it (wd_timerServe); 0: the timer thread
 } timerNode;
 
 extern timerList time_list WD_GUARDED_BY(timerMutex);           // one-shot timers, in arming order
@@ -71,6 +73,29 @@ void wd_timerSetClock(int (*clock)(wdTimeVal* tv));
 // until: INT64_MAX without limit, INT64_MIN while a wake is on its way or
 // before its first pass. For tests.
 int64_t wd_timerSleepUntil(void) WD_EXCLUDES(timerMutex);
+
+// Module threads serve their own timers. After wd_timerServe(modId), the
+// timers the calling thread arms for `modId` (their argument) are its own:
+// the timer thread neither wakes for them nor calls them. The module thread
+// waits on its channel at most until the earliest of them is due
+// (wd_timerServedWait) and then calls the due ones itself
+// (wd_timerServedPass), so an idle module's expiry wakes one thread, not two.
+// wd_timerServeEnd, before the thread ends, hands what is left of them to the
+// timer thread. A periodic timer shorter than 100 ms stays the timer
+// thread's, which keeps such timers 100 ms apart.
+void wd_timerServe(int modId) WD_EXCLUDES(timerMutex);
+void wd_timerServeEnd(void) WD_EXCLUDES(timerMutex);
+// Microseconds from now until the earliest of the calling thread's own timers
+// is due: 0 when one is due, -1 when it has none (or serves none).
+int64_t wd_timerServedWait(void) WD_EXCLUDES(timerMutex);
+// Calls the calling thread's own timers that are due, as a pass of the timer
+// thread would: due one-shot timers are removed and called in arming order,
+// due periodic timers are called and re-armed. `late` says that the thread
+// comes to them late from other work, while the timer thread would have
+// called them on time: a periodic timer is then called once for every period
+// that has passed since it was due and re-armed from its due times, not from
+// now. Callbacks run without timerMutex.
+void wd_timerServedPass(bool late) WD_EXCLUDES(timerMutex);
 
 // Creating operations: a new timer id (1 or more), or -1 with
 // "Error: Can't start timer\n" / "Error: Can't start periodic timer\n".

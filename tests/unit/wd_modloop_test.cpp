@@ -1,7 +1,9 @@
 // Modules driven through their threads and channels, as the daemon drives
 // them: the periodic info module's configuration, the VoIP statistics
 // module's queries and timer, and the IGMP module's period. The timer clock
-// stands still and no timer thread runs: timers are armed, never fired.
+// stands still and no timer thread runs: timers are armed, and fired only
+// when a test sends their event (the module threads' own waits, on that
+// clock, never reach them), but for the last case's, on the real clock.
 #include "wd_modtable.h"
 #include "wd_modthread.h"
 #include "wd_voipstats.h"
@@ -174,6 +176,22 @@ TEST(IgmpModule, AnEmptyPeriodLeavesTheTimerAloneAndAZeroOneStopsIt) {
   }
   EXPECT_TRUE(PeriodicTimers(MOD_IGMP).empty());
   EXPECT_EQ(gSubMod[MOD_IGMP].timer.load(), 0u);
+  debuglevel = 0;
+}
+
+// With no timer thread at all, the module thread calls its own timer on the
+// monotonic clock.
+TEST(IgmpModule, ItsThreadCallsItsOwnTimer) {
+  debuglevel = 1;
+  tcapi_set("Watchdog_IGMP", "Period", "1");
+  wd_setModTable(kModTable, kModTableCount);
+  wd_initSubModData();
+  const size_t before = Count(ReadFile("/dev/console"), "IGMP TIMER_EXPIRED");
+  ASSERT_EQ(wd_startModThread(MOD_IGMP), 0);
+  EXPECT_TRUE(WaitUntil([&] { return Count(ReadFile("/dev/console"), "IGMP TIMER_EXPIRED") >= before + 2; }));
+  ASSERT_TRUE(WaitUntil([] { return gSubMod[MOD_IGMP].fd != 0; }));
+  ASSERT_EQ(wd_simpleSendMsg(THREAD_EXIT, 0, MOD_IGMP, nullptr, 0), WD_MSG_SIZE);
+  EXPECT_TRUE(WaitUntil([] { return gSubMod[MOD_IGMP].threadId.load() == pthread_t{}; }));
   debuglevel = 0;
 }
 

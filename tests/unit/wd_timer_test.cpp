@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include <mutex>
+#include <thread>
 
 #include "wd_base.h"
 #include "wd_lock.h"
@@ -175,6 +176,44 @@ TEST(TimerConcurrency, ManyThreadsArmAndStopAtOnce) {
   EXPECT_EQ(all.size(), 8u * 200u) << "ids are distinct";
 }
 
+// A module thread serves the timers it arms for its own module; the timer
+// thread's pass leaves them alone, until the module thread ends serving.
+TEST_F(TimerTest, AModuleThreadCallsTheTimersItArmsForItsModule) {
+  gNow = {100, 0};
+  std::thread other([] { EXPECT_EQ(wd_addTimer(5, 100, Record, 5), 0); });
+  other.join();  // armed for module 5 by another thread: the timer thread's
+  wd_timerServe(5);
+  ASSERT_EQ(wd_addPTimer(1, 1000, Record, 5), 0);
+  ASSERT_EQ(wd_addTimer(2, 500, Record, 5), 0);
+  ASSERT_EQ(wd_addPTimer(3, 1000, Record, 6), 0);  // another module's
+  ASSERT_EQ(wd_addPTimer(4, 50, Record, 5), 0);    // shorter than a pass
+  EXPECT_EQ(wd_timerServedWait(), 500000);
+  PassAt(200, 0);
+  EXPECT_EQ(gCalls, (std::vector<std::string>{"5:5", "3:6", "4:5"})) << "not the served ones";
+
+  gCalls.clear();
+  gNow = {100, 500000};
+  EXPECT_EQ(wd_timerServedWait(), 0);
+  wd_timerServedPass(false);
+  EXPECT_EQ(gCalls, (std::vector<std::string>{"2:5"}));
+  EXPECT_EQ(wd_timerServedWait(), 500000);
+  gNow = {101, 200};
+  wd_timerServedPass(false);
+  EXPECT_EQ(wd_timerServedWait(), 1000000) << "re-armed from now, as the timer thread does";
+  // Back late from other work: every period that has passed is called once,
+  // as the timer thread would have called it on time.
+  gNow = {104, 500000};
+  wd_timerServedPass(true);
+  EXPECT_EQ(gCalls, (std::vector<std::string>{"2:5", "1:5", "1:5", "1:5", "1:5"}));
+  EXPECT_EQ(wd_timerServedWait(), 500200) << "due on its old schedule";
+
+  gCalls.clear();
+  wd_timerServeEnd();
+  EXPECT_EQ(wd_timerServedWait(), -1);
+  PassAt(300, 0);
+  EXPECT_EQ(gCalls, (std::vector<std::string>{"1:5", "3:6", "4:5"})) << "the timer thread's again";
+}
+
 // The timer thread itself, on the monotonic clock. Each case runs in a
 // process of its own, so the thread started here meets no other case.
 std::mutex gFiredMutex;
@@ -208,6 +247,22 @@ TEST(TimerThread, SleepsUntilTheEarliestTimerAndArmingOrStoppingWakesIt) {
   EXPECT_TRUE(WaitUntil([] { return wd_timerSleepUntil() == INT64_MAX; }))
       << "the stop woke it; with no timer left it sleeps without limit";
   EXPECT_EQ(FiredSoFar().size(), 1u);
+}
+
+TEST(TimerThread, NeitherWakesForNorCallsAServedTimerUntilItsServerEnds) {
+  wd_timerInit();
+  wd_timerServe(3);
+  ASSERT_EQ(wd_addTimer(1, 50, NoteFired, 3), 0);
+  ASSERT_TRUE(WaitUntil([] { return wd_timerSleepUntil() == INT64_MAX; }))
+      << "asleep without limit with a served timer armed";
+  std::thread other([] { EXPECT_EQ(wd_addTimer(2, 100, NoteFired, 3), 0); });
+  other.join();
+  ASSERT_TRUE(WaitUntil([] { return !FiredSoFar().empty(); }));
+  EXPECT_EQ(FiredSoFar().size(), 1u) << "only the later timer another thread armed";
+  EXPECT_EQ(FiredSoFar()[0].first, 2);
+  wd_timerServeEnd();
+  EXPECT_TRUE(WaitUntil([] { return FiredSoFar().size() == 2; })) << "the timer thread takes it";
+  EXPECT_EQ(FiredSoFar()[1].first, 1);
 }
 
 TEST(TimerThread, APeriodicTimerShorterThanAPassFiresOnceEvery100Ms) {
