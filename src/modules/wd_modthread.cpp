@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include "libwdfunc.h"
 #include "tcapi.h"
@@ -23,6 +24,45 @@
 namespace {
 
 wdMutex gStartLock = PTHREAD_MUTEX_INITIALIZER;
+
+// A module thread tells wd_startModThread once its channel is open, or that
+// it has none: an event sent after the start then finds the channel instead
+// of being lost. gOpenCond waits on the monotonic clock.
+wdMutex gOpenLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t gOpenCond;
+pthread_once_t gOpenCondOnce = PTHREAD_ONCE_INIT;
+bool gOpenDone[WD_MOD_NUM] WD_GUARDED_BY(gOpenLock);
+// How long a start waits for that at most.
+constexpr int64_t kOpenWaitUs = 5000000;
+
+void MakeOpenCond() {
+  pthread_condattr_t attr;
+  pthread_condattr_init(&attr);
+  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+  pthread_cond_init(&gOpenCond, &attr);
+  pthread_condattr_destroy(&attr);
+}
+
+void SayOpenDone(uint8_t modId) WD_EXCLUDES(gOpenLock) {
+  pthread_once(&gOpenCondOnce, MakeOpenCond);
+  wdLock lock(&gOpenLock);
+  gOpenDone[modId] = true;
+  pthread_cond_broadcast(&gOpenCond);
+}
+
+// Waits until the thread just started for `modId` has said so, or the
+// bound has passed. The deadline is absolute on the monotonic clock, which
+// libfaketime translates for pthread_cond_timedwait.
+void AwaitOpenDone(uint8_t modId) WD_EXCLUDES(gOpenLock) {
+  pthread_once(&gOpenCondOnce, MakeOpenCond);
+  timespec deadline;
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += kOpenWaitUs / 1000000;
+  wdLock lock(&gOpenLock);
+  while (!gOpenDone[modId]) {
+    if (pthread_cond_timedwait(&gOpenCond, &gOpenLock, &deadline) == ETIMEDOUT) break;
+  }
+}
 
 // The table handed down by main, in start-up order, and its descriptors by id.
 // Written once before any module thread starts.
@@ -86,7 +126,9 @@ void wd_runModule(const wdModDesc& desc, void* arg) {
   memset(&run, 0, sizeof run);
   run.desc = &desc;
   run.arg = arg;
-  if (wd_chanlOpen(desc.id, &run.ch) < 0) {
+  bool opened = wd_chanlOpen(desc.id, &run.ch) == 0;
+  SayOpenDone(desc.id);
+  if (!opened) {
     if (desc.timer.oneShot) wd_pppthreadExit(desc.id, 0, nullptr);
     wd_threadExit(desc.id, 0, nullptr);
   }
@@ -108,16 +150,26 @@ void wd_runModule(const wdModDesc& desc, void* arg) {
 
 int wd_startModThread(int modId) {
   wdSubModEntry& entry = gSubMod[modId];
-  wdLock lock(&gStartLock);
-  if (entry.threadId.load() != pthread_t{}) {
-    // A second thread would only double the module's work and its timer.
-    tcdbg_printf("module %d is already running\n", modId);
-    return EALREADY;
+  {
+    wdLock lock(&gStartLock);
+    if (entry.threadId.load() != pthread_t{}) {
+      // A second thread would only double the module's work and its timer.
+      tcdbg_printf("module %d is already running\n", modId);
+      return EALREADY;
+    }
+    {
+      wdLock open(&gOpenLock);
+      gOpenDone[modId] = false;
+    }
+    pthread_t tid;
+    int rc = wd_createThread(&tid, entry.handler, reinterpret_cast<void*>(60));
+    if (rc != 0) return rc;
+    entry.threadId = tid;
   }
-  pthread_t tid;
-  int rc = wd_createThread(&tid, entry.handler, reinterpret_cast<void*>(60));
-  if (rc == 0) entry.threadId = tid;
-  return rc;
+  // Outside gStartLock, which a thread that cannot open its channel takes
+  // to end.
+  AwaitOpenDone(static_cast<uint8_t>(modId));
+  return 0;
 }
 
 int wd_creatModThreads(void) {

@@ -26,10 +26,12 @@ int wd_initSubModData(void);
 // Starts the module threads that the configuration enables. Returns 0 when the
 // watchdog feature is off, else the result of the last thread creation.
 int wd_creatModThreads(void);
-// Starts the thread of module `modId` (default scheduling, argument 60) and
-// stores its id in the entry. Returns pthread_create's result; a module that
-// runs already is left alone ("module N is already running" on the debug
-// console, EALREADY returned). Main thread.
+// Starts the thread of module `modId` (default scheduling, argument 60),
+// stores its id in the entry and waits, 5 s at most, until the thread has
+// opened its channel or found that it cannot, so that an event sent next is
+// not lost. Returns pthread_create's result; a module that runs already is
+// left alone ("module N is already running" on the debug console, EALREADY
+// returned). Main thread.
 int wd_startModThread(int modId);
 // The module's configured period in seconds (0 for none); only reads.
 uint32_t wd_updateModTimer(uint8_t modId);
