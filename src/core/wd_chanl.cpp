@@ -18,6 +18,7 @@
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <vector>
@@ -255,26 +256,75 @@ void wd_chanlClose(wdChanl* ch) {
   ch->fd = -1;
 }
 
+namespace {
+
+// The calling thread's timerfd for waits with a limit, made at its first such
+// wait and closed when the thread ends. select's own timeout may end 0.1 % of
+// it late (30 ms of a 30 s wait) in a thread of default scheduling; a timerfd
+// fires on time. Armed relative to now, which libfaketime speeds up with the
+// clock (an absolute one it would not).
+struct LimitTimer {
+  int fd = -2;  // -2 not made yet, -1 none could be made
+  ~LimitTimer() {
+    if (fd >= 0) close(fd);
+  }
+  // The descriptor armed to fire `us` from now, or -1.
+  int Arm(int64_t us) {
+    if (fd == -2) {
+      fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+      if (fd >= FD_SETSIZE) {
+        close(fd);
+        fd = -1;
+      }
+      if (fd < 0) fd = -1;
+    }
+    if (fd < 0) return -1;
+    itimerspec in = {};
+    in.it_value.tv_sec = static_cast<time_t>(us / 1000000);
+    in.it_value.tv_nsec = static_cast<long>(us % 1000000) * 1000;
+    return timerfd_settime(fd, 0, &in, nullptr) == 0 ? fd : -1;
+  }
+};
+thread_local LimitTimer tlLimitTimer;
+
+}  // namespace
+
 void wd_waitDispatch(int fd, size_t size, wdDispatchFn fn, void* ctx, wdWaitLimitFn limit) {
   for (;;) {
     wdDispatch d = {WD_DISPATCH_DATAGRAM, 0, nullptr, 0};
     fd_set ready;
     FD_ZERO(&ready);
     FD_SET(fd, &ready);
-    // select, which libfaketime speeds up with the clock.
+    // A limit is kept by the thread's timerfd, else by select's own timeout;
+    // select is what libfaketime speeds up with the clock.
     timeval timeout, *until = nullptr;
+    int timer = -1;
     int64_t us = limit != nullptr ? limit(ctx) : -1;
-    if (us >= 0) {
+    if (us > 0) timer = tlLimitTimer.Arm(us);
+    if (timer >= 0) {
+      FD_SET(timer, &ready);
+    } else if (us >= 0) {
       timeout.tv_sec = static_cast<time_t>(us / 1000000);
       timeout.tv_usec = static_cast<suseconds_t>(us % 1000000);
       until = &timeout;
     }
-    d.waitResult = select(fd + 1, &ready, nullptr, nullptr, until);
+    d.waitResult = select((timer > fd ? timer : fd) + 1, &ready, nullptr, nullptr, until);
+    bool limitPassed = d.waitResult == 0 && until != nullptr;
+    if (d.waitResult > 0 && timer >= 0 && FD_ISSET(timer, &ready)) {
+      uint64_t expirations;
+      ssize_t ignored = read(timer, &expirations, sizeof expirations);
+      (void)ignored;
+      // The datagram goes first; the limit is asked anew before the next wait.
+      if (!FD_ISSET(fd, &ready)) limitPassed = true;
+      --d.waitResult;
+    }
     void* buf = nullptr;
-    if (d.waitResult == -1) {
+    if (limitPassed) {
+      d.what = WD_DISPATCH_LIMIT;
+    } else if (d.waitResult == -1) {
       d.what = WD_DISPATCH_WAIT_ERROR;
     } else if (d.waitResult == 0) {
-      d.what = until != nullptr ? WD_DISPATCH_LIMIT : WD_DISPATCH_WAIT_TIMEOUT;
+      d.what = WD_DISPATCH_WAIT_TIMEOUT;
     } else if (!FD_ISSET(fd, &ready)) {
       d.what = WD_DISPATCH_NOT_SET;
     } else if ((buf = calloc(1, size + 1)) == nullptr) {

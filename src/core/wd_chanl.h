@@ -100,7 +100,8 @@ typedef int64_t (*wdWaitLimitFn)(void* ctx);
 // and hands it, or what else ended the wait, to `fn`. The buffer is released
 // when `fn` returns. Returns when `fn` answers false. Without `limit` each
 // wait has no time limit; with it, a wait that reaches its limit ends as
-// WD_DISPATCH_LIMIT.
+// WD_DISPATCH_LIMIT. The limit is kept by a timerfd of the calling thread,
+// made at its first limited wait and closed when the thread ends.
 void wd_waitDispatch(int fd, size_t size, wdDispatchFn fn, void* ctx,
                      wdWaitLimitFn limit = nullptr);
 

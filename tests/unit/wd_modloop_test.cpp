@@ -4,6 +4,8 @@
 // stands still and no timer thread runs: timers are armed, and fired only
 // when a test sends their event (the module threads' own waits, on that
 // clock, never reach them), but for the last case's, on the real clock.
+#include <dirent.h>
+
 #include "wd_modtable.h"
 #include "wd_modthread.h"
 #include "wd_voipstats.h"
@@ -179,19 +181,30 @@ TEST(IgmpModule, AnEmptyPeriodLeavesTheTimerAloneAndAZeroOneStopsIt) {
   debuglevel = 0;
 }
 
+size_t OpenDescriptors() {
+  size_t n = 0;
+  if (DIR* d = opendir("/proc/self/fd")) {
+    while (readdir(d) != nullptr) ++n;
+    closedir(d);
+  }
+  return n;
+}
+
 // With no timer thread at all, the module thread calls its own timer on the
-// monotonic clock.
+// monotonic clock; what it waits with ends with it.
 TEST(IgmpModule, ItsThreadCallsItsOwnTimer) {
   debuglevel = 1;
   tcapi_set("Watchdog_IGMP", "Period", "1");
   wd_setModTable(kModTable, kModTableCount);
   wd_initSubModData();
+  const size_t fds = OpenDescriptors();
   const size_t before = Count(ReadFile("/dev/console"), "IGMP TIMER_EXPIRED");
   ASSERT_EQ(wd_startModThread(MOD_IGMP), 0);
   EXPECT_TRUE(WaitUntil([&] { return Count(ReadFile("/dev/console"), "IGMP TIMER_EXPIRED") >= before + 2; }));
   ASSERT_TRUE(WaitUntil([] { return gSubMod[MOD_IGMP].fd != 0; }));
   ASSERT_EQ(wd_simpleSendMsg(THREAD_EXIT, 0, MOD_IGMP, nullptr, 0), WD_MSG_SIZE);
   EXPECT_TRUE(WaitUntil([] { return gSubMod[MOD_IGMP].threadId.load() == pthread_t{}; }));
+  EXPECT_TRUE(WaitUntil([fds] { return OpenDescriptors() == fds; })) << fds;
   debuglevel = 0;
 }
 
