@@ -235,8 +235,8 @@ int Run(const char* name, const char* const argv[], int seconds, wdOutput* out) 
     if (p.keep == nullptr) return -1;
     p.room = out->max;
     written = p.file = OwnFile(out->max);
-    int fds[2];
     if (p.file < 0) {
+      int fds[2];
       if (pipe2(fds, O_CLOEXEC) != 0) return -1;
       p.output = fds[0];
       written = fds[1];
