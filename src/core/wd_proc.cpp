@@ -2,10 +2,12 @@
 // their output.
 //
 // A program is waited for without a period where the kernel allows it: poll
-// on a descriptor of the process (pidfd) and on its output, with the time left
-// to its deadline on the monotonic clock. The program is left unreaped (a
-// zombie) until its group has been signalled, so that its pid, which is the
-// group's id, cannot pass to another process in between.
+// on a descriptor of the process (pidfd), with the time left to its deadline
+// on the monotonic clock. Its output goes to a sealed memfd that is read once
+// it has ended, so a program that prints a line a second costs its caller one
+// wakeup, not one a line. The program is left unreaped (a zombie) until its
+// group has been signalled, so that its pid, which is the group's id, cannot
+// pass to another process in between.
 #include "wd_proc.h"
 
 #include <errno.h>
@@ -18,6 +20,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -30,6 +33,19 @@
 #include "wd_base.h"
 
 extern char** environ;
+
+#ifndef MFD_CLOEXEC
+#define MFD_CLOEXEC 0x0001U
+#endif
+#ifndef MFD_ALLOW_SEALING
+#define MFD_ALLOW_SEALING 0x0002U
+#endif
+#ifndef F_ADD_SEALS
+#define F_ADD_SEALS 1033
+#define F_SEAL_SEAL 0x0001
+#define F_SEAL_SHRINK 0x0002
+#define F_SEAL_GROW 0x0004
+#endif
 
 namespace {
 
@@ -75,18 +91,69 @@ int PidfdOpen(pid_t pid) {
 #endif
 }
 
+int MemfdCreate(const char* name, unsigned flags) {
+#ifdef SYS_memfd_create
+  return static_cast<int>(syscall(SYS_memfd_create, name, flags));
+#else
+  (void)name;
+  (void)flags;
+  errno = ENOSYS;
+  return -1;
+#endif
+}
+
 int64_t NowMs() { return wd_kernelMonotonicMs(); }
 
 // A started program: its pid (its group's id), a descriptor readable once it
-// has ended (or -1), the reading end of its output (-1 once at its end or
-// closed), where that output is kept and how much more may be.
+// has ended (or -1), its output file (or -1), the reading end of the pipe its
+// output comes through without a file (-1 once at its end or closed), where
+// that output is kept and how much more may be.
 struct Program {
   pid_t pid;
   int pidfd;
+  int file;
   int output;
   FILE* keep;
   size_t room;
 };
+
+// A file in memory for a program's output that cannot grow past `max`
+// rounded up to whole pages: a write beyond fails (EPERM), so a program that
+// writes on cannot fill the memory, and nothing it leaves running in the
+// background can either. Whole pages, because the kernel refuses a write
+// page by page: a smaller size would also refuse the bytes before it in the
+// page it ends in. -1 where the kernel has no memfd or no seals.
+int OwnFile(size_t max) {
+  int fd = wd_memfdCreateHook("wd_run", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  if (fd < 0) return -1;
+  long page = sysconf(_SC_PAGESIZE);
+  uint64_t unit = page > 0 ? static_cast<uint64_t>(page) : 4096;
+  uint64_t size = (static_cast<uint64_t>(max) + unit - 1) / unit * unit;
+  if (size > static_cast<uint64_t>(INT32_MAX) || ftruncate(fd, static_cast<off_t>(size)) != 0 ||
+      fcntl(fd, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// Keeps what the program wrote to its file, as much as there is room for.
+// The file's offset, which the program and everything it started share, says
+// how far they wrote; what a process left in the background writes later is
+// not kept.
+void KeepWritten(Program* p) {
+  off_t end = lseek(p->file, 0, SEEK_CUR);
+  size_t left = end > 0 ? static_cast<size_t>(std::min<uint64_t>(end, p->room)) : 0;
+  char chunk[4096];
+  for (off_t at = 0; left > 0;) {
+    ssize_t n = pread(p->file, chunk, std::min(left, sizeof chunk), at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    fwrite(chunk, 1, static_cast<size_t>(n), p->keep);
+    at += n;
+    left -= static_cast<size_t>(n);
+  }
+}
 
 // True once the program has ended (or is no child to wait for); it is not
 // reaped.
@@ -98,9 +165,9 @@ bool Ended(pid_t pid) {
   return info.si_pid == pid;
 }
 
-// Keeps what the output holds now, as much as there is room for; closes the
-// output at its end or once the room is used up (the program then gets
-// SIGPIPE or EPIPE, so a full pipe never holds it).
+// Keeps what the pipe holds now, as much as there is room for; closes the
+// pipe at its end or once the room is used up (the program then gets SIGPIPE
+// or EPIPE, so a full pipe never holds it).
 void Take(Program* p) {
   char chunk[4096];
   ssize_t n = read(p->output, chunk, sizeof chunk);
@@ -113,8 +180,8 @@ void Take(Program* p) {
   }
 }
 
-// Waits until the program has ended and its output is closed, or until
-// `deadline` (monotonic ms). True when both came in time.
+// Waits until the program has ended and its pipe, if any, is closed, or
+// until `deadline` (monotonic ms). True when both came in time.
 bool Await(Program* p, int64_t deadline) {
   int check = kFirstCheckMs;
   for (;;) {
@@ -149,9 +216,11 @@ void Stop(Program* p, const char* name, int seconds) {
   tcdbg_printf("wd_run: \"%s\" still running after %d s, stopped\n", name, seconds);
 }
 
-// Where the output is kept: the fresh file, or memory of `max` bytes.
+// Where the output is kept: the fresh file, or memory of `max` bytes and
+// the null byte such a stream ends with (without room for it, the last byte
+// kept would be overwritten with it).
 FILE* Keep(const wdOutput* out) {
-  if (out->path == nullptr) return fmemopen(nullptr, out->max, "w+");
+  if (out->path == nullptr) return fmemopen(nullptr, out->max + 1, "w+");
   int fd = wd_createFresh(out->path);
   FILE* f = fd >= 0 ? fdopen(fd, "w+") : nullptr;
   if (f == nullptr && fd >= 0) close(fd);
@@ -159,34 +228,44 @@ FILE* Keep(const wdOutput* out) {
 }
 
 int Run(const char* name, const char* const argv[], int seconds, wdOutput* out) {
-  Program p = {0, -1, -1, nullptr, 0};
-  int fds[2] = {-1, -1};
+  Program p = {0, -1, -1, -1, nullptr, 0};
+  int written = -1;  // the program's standard output, our copy
   if (out != nullptr) {
     out->file = p.keep = Keep(out);
     if (p.keep == nullptr) return -1;
-    if (pipe2(fds, O_CLOEXEC) != 0) return -1;
-    p.output = fds[0];
     p.room = out->max;
+    written = p.file = OwnFile(out->max);
+    if (p.file < 0) {
+      int fds[2];
+      if (pipe2(fds, O_CLOEXEC) != 0) return -1;
+      p.output = fds[0];
+      written = fds[1];
+    }
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   if (out != nullptr) {
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, written, STDOUT_FILENO);
     if (out->dropErrors)
       posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   }
   int rc = Spawn(argv, &actions, &p.pid);
   posix_spawn_file_actions_destroy(&actions);
-  if (fds[1] >= 0) close(fds[1]);
+  if (p.output >= 0) close(written);  // the pipe's writing end is the program's alone
   if (rc != 0) {
     if (p.output >= 0) close(p.output);
+    if (p.file >= 0) close(p.file);
     return -1;
   }
   p.pidfd = wd_pidfdOpenHook(p.pid);
   bool inTime = Await(&p, NowMs() + static_cast<int64_t>(seconds) * 1000);
   if (!inTime) Stop(&p, name, seconds);
   if (p.pidfd >= 0) close(p.pidfd);
+  if (p.file >= 0) {
+    KeepWritten(&p);
+    close(p.file);
+  }
   if (p.keep != nullptr) rewind(p.keep);
   int status = 0;
   while (waitpid(p.pid, &status, 0) < 0) {
@@ -198,6 +277,7 @@ int Run(const char* name, const char* const argv[], int seconds, wdOutput* out) 
 }  // namespace
 
 int (*wd_pidfdOpenHook)(pid_t pid) = PidfdOpen;
+int (*wd_memfdCreateHook)(const char* name, unsigned flags) = MemfdCreate;
 
 int wd_run(const char* const argv[], int seconds, wdOutput* out) {
   if (argv == nullptr || argv[0] == nullptr) return -1;

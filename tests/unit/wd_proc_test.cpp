@@ -1,6 +1,8 @@
 // The programs the daemon starts: their clean slate, their deadline and what
 // is kept of their output.
 
+#include <dirent.h>
+
 #include "wd_base.h"
 #include "wd_proc.h"
 
@@ -29,6 +31,26 @@ Ran Shell(const char* command, int seconds = 1, size_t max = 4096, const char* p
 // Waits until no process of `group` is left.
 bool GroupGone(pid_t group) {
   return WaitUntil([group] { return kill(-group, 0) != 0 && errno == ESRCH; });
+}
+
+// The descriptors this process has open.
+size_t OpenDescriptors() {
+  DIR* dir = opendir("/proc/self/fd");
+  size_t n = 0;
+  while (dir != nullptr && readdir(dir) != nullptr) ++n;
+  if (dir != nullptr) closedir(dir);
+  return n;
+}
+
+int NoMemfd(const char*, unsigned) {
+  errno = ENOSYS;
+  return -1;
+}
+
+std::string Repeat(const std::string& text, int times) {
+  std::string all;
+  for (int i = 0; i < times; ++i) all += text;
+  return all;
 }
 
 // Programs started from a real-time thread that blocks SIGUSR1 and SIGUSR2, as
@@ -75,9 +97,8 @@ TEST(Deadline, StopsTheProgramsWholeGroupOnlyWhenItPasses) {
   kill(-group, SIGKILL);
 
   for (const char* command :
-       {"echo $$; sleep 1000 & sleep 1000",   // never ends
-        "trap '' TERM; echo $$; sleep 1000",  // ignores SIGTERM, and so does its sleep
-        "echo $$; sleep 1000 &"}) {           // has ended; its child holds the output
+       {"echo $$; sleep 1000 & sleep 1000",      // never ends
+        "trap '' TERM; echo $$; sleep 1000"}) {  // ignores SIGTERM, and so does its sleep
     Ran r = Shell(command);
     EXPECT_EQ(r.rc, WD_RUN_STOPPED) << command;
     EXPECT_EQ(r.said,
@@ -94,6 +115,7 @@ int NoPidfd(pid_t) {
 }
 
 TEST(Deadline, WithoutPidfdTheProgramIsCheckedOnItsOwn) {
+  auto pidfdOpen = wd_pidfdOpenHook;
   wd_pidfdOpenHook = NoPidfd;
   Ran ended = Shell("sleep 0.3; echo done; exit 3");
   Ran hung = Shell("echo $$; exec sleep 1000");
@@ -102,22 +124,73 @@ TEST(Deadline, WithoutPidfdTheProgramIsCheckedOnItsOwn) {
   EXPECT_EQ(ended.out, "done\n");
   EXPECT_EQ(hung.rc, WD_RUN_STOPPED);
   EXPECT_TRUE(GroupGone(atoi(hung.out.c_str())));
+  wd_pidfdOpenHook = pidfdOpen;
 }
 
-TEST(Output, KeptUpToItsCapAndAFullPipeNeverHoldsTheProgram) {
+TEST(Output, KeptUpToItsCapAndTheProgramNeverHeldNorKilled) {
   Ran big = Shell("head -c 200000 /dev/zero | tr '\\0' x", 10, 300000);
   EXPECT_EQ(big.rc, 0);
   EXPECT_EQ(big.out, std::string(200000, 'x')) << "more than a pipe holds";
-  // A program that never stops writing is cut at the cap and ends on SIGPIPE;
-  // its file is made anew, never written through a link.
+  // Cut at a cap that is no whole number of pages, every byte up to it kept;
+  // the writer's write fails, it gets no signal.
+  Ran cut = Shell("head -c 200000 /dev/zero | tr '\\0' x", 10, 70001);
+  EXPECT_TRUE(WIFEXITED(cut.rc) && WEXITSTATUS(cut.rc) != 0) << cut.rc;
+  EXPECT_EQ(cut.out, std::string(70001, 'x'));
+  // A program that never stops writing ends once its writes fail; its file is
+  // made anew, never written through a link.
   ASSERT_EQ(symlink("/tmp/target", "/tmp/out"), 0);
   Ran yes = Shell("exec yes", 10, 1000, "/tmp/out");
-  EXPECT_TRUE(WIFSIGNALED(yes.rc) && WTERMSIG(yes.rc) == SIGPIPE) << yes.rc;
-  std::string expected;
-  for (int i = 0; i < 500; ++i) expected += "y\n";
-  EXPECT_EQ(yes.out, expected);
-  EXPECT_EQ(ReadFile("/tmp/out"), expected);
+  EXPECT_TRUE(WIFEXITED(yes.rc) && WEXITSTATUS(yes.rc) != 0) << yes.rc;
+  EXPECT_EQ(yes.out, Repeat("y\n", 500));
+  EXPECT_EQ(ReadFile("/tmp/out"), Repeat("y\n", 500));
   EXPECT_FALSE(Exists("/tmp/target"));
+}
+
+TEST(Output, WholeAtTheProgramsEndThoughWhatItLeftRunningHoldsIt) {
+  // The background sleep holds the output far past the deadline; waiting for
+  // it would end in a stop.
+  Ran r = Shell("echo $$; sleep 60 & echo started", 30);
+  pid_t group = atoi(r.out.c_str());
+  EXPECT_EQ(r.rc, 0);
+  EXPECT_EQ(r.said, "");
+  EXPECT_EQ(r.out, std::to_string(group) + "\nstarted\n");
+  EXPECT_EQ(kill(-group, 0), 0) << "the group is left alone after a normal end";
+  kill(-group, SIGKILL);
+  EXPECT_TRUE(GroupGone(group));
+}
+
+TEST(Output, WithoutMemfdItComesThroughAPipe) {
+  auto memfdCreate = wd_memfdCreateHook;
+  wd_memfdCreateHook = NoMemfd;
+  Ran big = Shell("head -c 200000 /dev/zero | tr '\\0' x", 10, 300000);
+  // Cut at the cap by closing the pipe: the writer gets SIGPIPE.
+  Ran yes = Shell("exec yes", 10, 1000);
+  // The pipe is read to its end, which a background process holds.
+  Ran held = Shell("echo $$; sleep 1000 &");
+  wd_memfdCreateHook = memfdCreate;
+  EXPECT_EQ(big.rc, 0);
+  EXPECT_EQ(big.out, std::string(200000, 'x'));
+  EXPECT_TRUE(WIFSIGNALED(yes.rc) && WTERMSIG(yes.rc) == SIGPIPE) << yes.rc;
+  EXPECT_EQ(yes.out, Repeat("y\n", 500));
+  EXPECT_EQ(held.rc, WD_RUN_STOPPED);
+  EXPECT_EQ(held.said, "wd_run: \"echo $$; sleep 1000 &\" still running after 1 s, stopped\n");
+  EXPECT_TRUE(GroupGone(atoi(held.out.c_str())));
+}
+
+TEST(Output, NoDescriptorLeftOpen) {
+  size_t before = OpenDescriptors();
+  Shell("echo kept");
+  Shell("echo kept", 1, 10, "/tmp/leak");
+  Shell("exec sleep 1000");  // stopped
+  wdOutput out = {nullptr, 10, false, nullptr};
+  const char* missing[] = {"/no/such/program", nullptr};
+  wd_run(missing, 1, &out);
+  if (out.file != nullptr) fclose(out.file);
+  auto memfdCreate = wd_memfdCreateHook;
+  wd_memfdCreateHook = NoMemfd;
+  Shell("echo kept");
+  wd_memfdCreateHook = memfdCreate;
+  EXPECT_EQ(OpenDescriptors(), before);
 }
 
 }  // namespace
