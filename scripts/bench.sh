@@ -33,14 +33,15 @@ dir="$top/build-bench"
 if [ "$compare" = 1 ]; then exec "$top/bench/compare.sh" "$window" "$windows" "$queries" "$flood" $profile; fi
 wd_build -i "$dir" -DCMAKE_BUILD_TYPE=Release -DWD_BUILD_TESTS=OFF -DWD_BUILD_BENCH=ON \
   -DWD_TIMER_STATS=OFF
-run() { "$top/gateway/gw-run" --syslog --prefix "$dir/stage" --ro "$dir" -- "$@"; }
+run() { "$top/gateway/gw-run" --syslog --prefix "$dir/stage" --peers "$dir/gateway" --ro "$dir" \
+  -- "$@"; }
 
 echo "== timer service =="
 run "$dir/bench/timer_bench"
 
 echo "== delivery across 5 syslog-ng restarts: 1000 reports, 100 minutes of the relay's time =="
-"$top/gateway/gw-run" --syslog --faketime 100 --prefix "$dir/stage" --ro "$dir" -- \
-  "$dir/bench/relay_soak" || echo "relay soak: reports were lost"
+"$top/gateway/gw-run" --syslog --faketime 100 --prefix "$dir/stage" --peers "$dir/gateway" \
+  --ro "$dir" -- "$dir/bench/relay_soak" || echo "relay soak: reports were lost"
 
 echo "== idle daemon (the modules that always run, 20 s after its 30-second start) =="
 run sh -c '
@@ -58,7 +59,7 @@ run sh -c '
 '
 
 echo "== route monitor thread (mode 2): idle for 20 s, then one route change =="
-"$top/gateway/gw-run" --net --syslog --prefix "$dir/stage" -- sh -c '
+"$top/gateway/gw-run" --net --syslog --prefix "$dir/stage" --peers "$dir/gateway" -- sh -c '
   . /gw/sim/lib.sh
   tcapi set Watchdog_Common Enable 1
   tcapi set Watchdog_Route Mode 2
@@ -85,7 +86,7 @@ echo "== route monitor thread (mode 2): idle for 20 s, then one route change =="
 echo "== long run: 100 minutes of the daemon's time in 60 s (libfaketime x100) =="
 echo "   PPPoE checks every 10 s with ping and lookup, the WAN line cut and restored"
 echo "   every 5 minutes, an IGMP timer every second: what the process holds over time"
-"$top/gateway/gw-run" --net --syslog --faketime 100 --prefix "$dir/stage" -- sh -c '
+"$top/gateway/gw-run" --net --syslog --faketime 100 --prefix "$dir/stage" --peers "$dir/gateway" -- sh -c '
   . /gw/sim/lib.sh
   real_sleep() { env -u LD_PRELOAD sleep "$1"; }
   tcapi set Watchdog_Common Enable 1

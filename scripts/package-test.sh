@@ -26,12 +26,14 @@ expect_files() {
     fail "$root: the files above differ (< expected, > found)"
 }
 
-# start_in_gateway PREFIX INIT-SCRIPT: in a gateway with syslog-ng, the init
-# script starts the daemon from PREFIX (seen as /opt/watchdogd), status
-# reports every module, restart leaves one daemon, stop ends it.
+# start_in_gateway PREFIX INIT-SCRIPT BUILD: in a gateway with syslog-ng (its
+# configuration written by BUILD's gateway programs), the init script starts
+# the daemon from PREFIX (seen as /opt/watchdogd), status reports every
+# module, restart leaves one daemon, stop ends it.
 start_in_gateway() {
-  local prefix=$1 init=$2
-  "$top/gateway/gw-run" --syslog --faketime 100 --prefix "$prefix" --ro "$(dirname "$init")" -- sh -ec '
+  local prefix=$1 init=$2 build=$3
+  "$top/gateway/gw-run" --syslog --faketime 100 --prefix "$prefix" --peers "$build/gateway" \
+    --ro "$build" --ro "$(dirname "$init")" -- sh -ec '
     init=$1
     mkdir -p /etc/default
     printf "DAEMON=/opt/watchdogd/sbin/watchdogd\nWDCTL=/opt/watchdogd/bin/wdctl\n" > /etc/default/watchdogd
@@ -67,7 +69,7 @@ dpkg-deb -f "$deb" Depends | grep -q libc6 || fail "the package's Depends has no
 mkdir "$work/root"
 dpkg -x "$deb" "$work/root"
 expect_files "$work/root" "${gateway_files[@]}"
-start_in_gateway "$work/root/usr" "$work/root/etc/init.d/S60watchdogd"
+start_in_gateway "$work/root/usr" "$work/root/etc/init.d/S60watchdogd" "$pkg"
 echo "installed into an empty root, started, queried, restarted and stopped by its init script"
 
 echo "== the static build (x86-64) =="
@@ -82,5 +84,6 @@ for f in sbin/watchdogd bin/wdctl bin/tcapi; do
   ! readelf -d "$work/static/opt/watchdogd/$f" | grep -q NEEDED || fail "$f needs shared libraries"
   ! readelf -l "$work/static/opt/watchdogd/$f" | grep -q INTERP || fail "$f asks for a program interpreter"
 done
-start_in_gateway "$work/static/opt/watchdogd" "$work/static/opt/watchdogd/etc/init.d/S60watchdogd"
+start_in_gateway "$work/static/opt/watchdogd" "$work/static/opt/watchdogd/etc/init.d/S60watchdogd" \
+  "$static"
 echo "watchdogd static: $(stat -c %s "$work/static/opt/watchdogd/sbin/watchdogd") bytes, started, queried and stopped"

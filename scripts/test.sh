@@ -75,7 +75,8 @@ for v in "${variants[@]}"; do
     echo "=== mips smoke test (daemon, wdctl, tcapi under qemu-mips) ==="
     native="$top/build-test-plain"
     [ -x "$native/tests/integration/target_smoke_test" ] || build "$native"
-    "$top/gateway/gw-run" --net --syslog --prefix "$dir/stage" --ro "$top" --ro "$native" -- \
+    "$top/gateway/gw-run" --net --syslog --prefix "$dir/stage" --peers "$native/gateway" \
+      --ro "$top" --ro "$native" -- \
       env WD_EMULATOR="qemu-mips -L /usr/mips-linux-gnu" WD_TARGET_ENDIAN=big \
       "$native/tests/integration/target_smoke_test"
   fi

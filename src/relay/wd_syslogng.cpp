@@ -234,26 +234,26 @@ int checkSyslogngMemory(void) {
   return restart ? 1 : 0;
 }
 
-void RestartSysklogng(void) {
-  kill_process(kPidFile, "syslog-ng");
+namespace {
+
+// A fresh copy of the template at /var/syslog-ng.conf.
+void CopyTemplate() {
   // cp writes through a link standing at an existing destination; removed
   // first, the copy is a file of its own.
   unlink(kConfig);
   const char* copy[] = {"/bin/cp", "-pf", kTemplate, kConfig, nullptr};
   wd_run(copy, kCopySeconds);
+}
 
-  char enable[16] = {0};
-  if (tcapi_get("Watchdog_Common", "Enable", enable) != 0) {
-    tcdbg_printf("get Watchdog_Common Enable fail\n");
-    return;
-  }
-  if (strcmp(enable, "1") != 0) return;
+// Appends the destination Watchdog_Common names and the log statement to the
+// copy of the template. false when the file or "Protocol" cannot be read.
+bool AppendSettings() {
   int fd = open(kConfig, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666);
   FILE* f = fd >= 0 ? fdopen(fd, "a") : nullptr;
   if (f == nullptr) {
     if (fd >= 0) close(fd);
     tcdbg_printf("open %s file fail\n", kConfig);
-    return;
+    return false;
   }
   char server[128] = {0};
   char protocol[16] = {0};
@@ -263,14 +263,34 @@ void RestartSysklogng(void) {
   } else if (tcapi_get("Watchdog_Common", "Protocol", protocol) != 0) {
     tcdbg_printf("get Watchdog_Common Protocol fail\n");
     fclose(f);
-    return;
+    return false;
   }
   wd_sngAppendDestination(f, server, protocol);
   fputs(kLogStatement, f);
   fclose(f);
+  return true;
+}
+
+}  // namespace
+
+void RestartSysklogng(void) {
+  kill_process(kPidFile, "syslog-ng");
+  CopyTemplate();
+  char enable[16] = {0};
+  if (tcapi_get("Watchdog_Common", "Enable", enable) != 0) {
+    tcdbg_printf("get Watchdog_Common Enable fail\n");
+    return;
+  }
+  if (strcmp(enable, "1") != 0) return;
+  if (!AppendSettings()) return;
   tcdbg_printf("RestartSysklogng. %s\n", kStartCmd);
   const char* start[] = {"/usr/sbin/syslog-ng", "-f", kConfig, nullptr};
   wd_run(start, kStartSeconds);
+}
+
+bool wd_sngWriteConfig(void) {
+  CopyTemplate();
+  return AppendSettings();
 }
 
 bool wd_sngAppendDestination(FILE* f, const char* server, const char* protocol) {

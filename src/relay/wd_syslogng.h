@@ -26,6 +26,11 @@ int checkSyslogngMemory(void) WD_EXCLUDES(bufMutex);
 // /var/syslog-ng.conf, appends the destination and log statement from
 // Watchdog_Common, and starts syslog-ng on it when the feature is enabled.
 void RestartSysklogng(void);
+// The configuration part of RestartSysklogng, whatever the Enable setting:
+// the template copied to /var/syslog-ng.conf, the destination and the log
+// statement appended. false (said on the debug console) when the settings or
+// the file cannot be read, leaving the configuration without them.
+bool wd_sngWriteConfig(void);
 // Kills the process named in `pidFile` with SIGKILL, but only when its name
 // (/proc/PID/comm) is `name`, and deletes the pid file.
 void kill_process(const char* pidFile, const char* name);
