@@ -252,8 +252,10 @@ unsigned Sleep(int64_t until, int pidWatch, int tickTimer) {
         read(tickTimer, &count, sizeof count) > 0) {
       woke |= kTickDue;
     }
-    if (woke != 0) bufTxWakes.fetch_add(1);
-    if (ret == 0 || woke != 0) return woke;
+    if (ret == 0 || woke != 0) {
+      bufTxWakes.fetch_add(1);
+      return woke;
+    }
   }
 }
 

@@ -238,6 +238,19 @@ TEST_F(RelayWake, APushWakesItAndTheLineGoesOut) {
   EXPECT_TRUE(gw::WaitFor("/var/log/messages", line + "\n", 1, kWakeMs));
 }
 
+// The push arms the boundary itself: the thread wakes there and sends,
+// rather than waking at the push and sleeping on to the boundary.
+TEST_F(RelayWake, APushedLineCostsTheSleepingThreadOneWakeup) {
+  FakeSyslog fake("S");
+  StartRelay();
+  Asleep();
+  unsigned wakes = bufTxWakes.load();
+  std::string line = Report(3, "one wakeup");
+  ASSERT_TRUE(fake.WaitForCount(1, kWakeMs));
+  EXPECT_EQ(fake.Received().back(), "520 0#" + line + "#1");
+  EXPECT_EQ(bufTxWakes.load() - wakes, 1u);
+}
+
 TEST_F(RelayWake, AProbeRequestWakesIt) {
   FakeSyslog fake("FFF");
   StartRelay();
