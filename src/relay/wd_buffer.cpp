@@ -50,10 +50,10 @@ int64_t txArmedTickMs WD_GUARDED_BY(txSleepMutex) = -1;  // -1: the timerfd is n
 
 // Arms the timerfd to fire once after `ns` nanoseconds; 0 disarms it.
 int SetTimer(int fd, int64_t ns) {
-  itimerspec spec = {};
-  spec.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
-  spec.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
-  return timerfd_settime(fd, 0, &spec, nullptr);
+  itimerspec when = {};
+  when.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
+  when.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
+  return timerfd_settime(fd, 0, &when, nullptr);
 }
 
 void DisarmArmedTick() WD_REQUIRES(txSleepMutex) {
