@@ -12,6 +12,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include "tcapi.h"
@@ -40,6 +41,26 @@ int fdFromSyslog = -1;
 std::atomic<int> g_idebug{0};
 
 namespace {
+
+// The transmit thread's sleep without work, as pushes see it.
+wdMutex txSleepMutex = PTHREAD_MUTEX_INITIALIZER;
+int txSleepTimerFd WD_GUARDED_BY(txSleepMutex) = -1;  // -1: not asleep without work
+int64_t txSleepBaseMs WD_GUARDED_BY(txSleepMutex) = 0;
+int64_t txArmedTickMs WD_GUARDED_BY(txSleepMutex) = -1;  // -1: the timerfd is not armed
+
+// Arms the timerfd to fire once after `ns` nanoseconds; 0 disarms it.
+int SetTimer(int fd, int64_t ns) {
+  itimerspec when = {};
+  when.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
+  when.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
+  return timerfd_settime(fd, 0, &when, nullptr);
+}
+
+void DisarmArmedTick() WD_REQUIRES(txSleepMutex) {
+  if (txArmedTickMs < 0) return;
+  SetTimer(txSleepTimerFd, 0);
+  txArmedTickMs = -1;
+}
 
 bool IsPpp(const wdBufNode* node) WD_REQUIRES(bufMutex) {
   return node->obj != nullptr && node->obj->category == WD_CATEGORY_PPP;
@@ -241,5 +262,41 @@ void wd_bufWakeTx(void) {
 
 void wd_bufSetReload(void) {
   sngReload = 1;
+  wd_bufWakeTx();
+}
+
+void wd_bufTxSleeps(int timerFd, int64_t tickBaseMs) {
+  wdLock lock(&txSleepMutex);
+  txSleepTimerFd = timerFd;
+  txSleepBaseMs = tickBaseMs;
+  txArmedTickMs = -1;
+}
+
+int64_t wd_bufTxTakeTick(void) {
+  wdLock lock(&txSleepMutex);
+  int64_t tick = txArmedTickMs;
+  DisarmArmedTick();
+  return tick;
+}
+
+void wd_bufTxWakesUp(void) {
+  wdLock lock(&txSleepMutex);
+  DisarmArmedTick();
+  txSleepTimerFd = -1;
+}
+
+void wd_bufWakeTxForLine(void) {
+  {
+    wdLock lock(&txSleepMutex);
+    if (txSleepTimerFd < 0 || txArmedTickMs >= 0) return;
+    int64_t nowUs = wd_monotonicUs();
+    int64_t nowMs = nowUs / 1000;
+    txArmedTickMs =
+        txSleepBaseMs + (nowMs - txSleepBaseMs + WD_TX_TICK_MS - 1) / WD_TX_TICK_MS * WD_TX_TICK_MS;
+    // nowUs is rounded down, so the timer never fires before the boundary. A
+    // boundary already reached is woken for at once.
+    int64_t ns = (txArmedTickMs * 1000 - nowUs) * 1000;
+    if (ns > 0 && SetTimer(txSleepTimerFd, ns) == 0) return;
+  }
   wd_bufWakeTx();
 }

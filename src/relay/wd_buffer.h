@@ -91,13 +91,36 @@ extern int fdFromSyslog;                                 // receive socket
 extern std::atomic<int> g_idebug;                        // relay trace switch
 
 // The transmit thread sleeps while it has nothing to do; these wake it: a
-// line to send, a probe requested, a reload mark, a link that resumes or a
-// line made unsent again. Any thread; a wake while it is awake costs nothing
+// probe requested, a reload mark, a link that resumes or a line made unsent
+// again (a pushed line arms the thread's next tick instead, see below). Any thread; a wake while it is awake costs nothing
 // but one more look. The eventfd is made by wd_bufInit (-1 before).
 extern int bufTxWakeFd;
 void wd_bufWakeTx(void);
 // Sets the reload mark (command types 11 and 12) and wakes the transmit thread.
 void wd_bufSetReload(void);
+
+// A pushed line wakes the transmit thread once, at the next boundary of its
+// tick schedule (the thread's start of sleep + k * WD_TX_TICK_MS), where it
+// sends the line. While the thread sleeps without work it shows the start of
+// its schedule and a timerfd; the first push arms that timerfd for the
+// boundary. The thread shows its sleep before it looks for work a last time,
+// and a push looks at the sleep after adding its line, so one of them always
+// sees the other: a line never waits without a wake. Guarded by a lock of its
+// own, never held together with another.
+#define WD_TX_TICK_MS 300
+// Transmit thread: it sleeps without work from now on; its schedule started
+// at the monotonic millisecond tickBaseMs.
+void wd_bufTxSleeps(int timerFd, int64_t tickBaseMs);
+// Transmit thread, asleep: the boundary a push armed the timerfd for (the
+// timerfd disarmed again), or -1 when none was.
+int64_t wd_bufTxTakeTick(void);
+// Transmit thread: awake with work; pushes leave its timerfd alone.
+void wd_bufTxWakesUp(void);
+// A line was pushed: arms the sleeping thread's timerfd, relative to now and
+// rounded up, for the next boundary; an awake thread sends it at its tick
+// anyway. Wakes the thread at once through the eventfd when the boundary is
+// reached already or the timerfd cannot be armed.
+void wd_bufWakeTxForLine(void);
 
 // ---- List operations; the caller holds bufMutex ----
 int bufListInit(wdBufList* list) WD_REQUIRES(bufMutex);

@@ -16,6 +16,7 @@
 #include <sys/inotify.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
@@ -38,7 +39,7 @@ namespace {
 
 constexpr int kCheckMs = 30000;
 constexpr int kSaveMs = 180000;
-constexpr int64_t kTickMs = 300;
+constexpr int64_t kTickMs = WD_TX_TICK_MS;
 constexpr int64_t kMemoryCheckMs = 30000;  // as often as every 100th tick was
 
 sockaddr_un PathAddr(const char* path) {
@@ -189,12 +190,35 @@ void NoticeRestart() WD_EXCLUDES(bufMutex) {
   if (SyslogngRestart() == 1) setBufAllUnsent(commBufList);
 }
 
-enum : unsigned { kWoken = 1, kPidChanged = 2, kWaitFailed = 4 };
+// The timer a push arms for the next tick boundary while the thread sleeps
+// without work. -1 (and the thread ticks as long as it runs) when there is none.
+int OpenTickTimer() {
+  int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  if (fd >= 0 && fd < FD_SETSIZE) return fd;
+  if (fd >= 0) {
+    close(fd);
+    errno = EMFILE;
+  }
+  tcdbg_printf("wd_bufTxHandler: no timerfd (%s), ticks every 300 ms\n", strerror(errno));
+  return -1;
+}
 
-// Waits until the monotonic millisecond `until`, a wake or a change of the
-// pid file; serves signals that come meanwhile and waits on. The timeout is
-// relative, so that libfaketime speeds it up with the clock.
-unsigned Sleep(int64_t until, int pidWatch) {
+// Sleeps without work from the schedule that started at `tickBase`: true,
+// unless work came before pushes could see the sleep.
+bool GoIdle(int tickTimer, int64_t tickBase) WD_EXCLUDES(bufMutex) {
+  wd_bufTxSleeps(tickTimer, tickBase);
+  if (!HasWork()) return true;
+  wd_bufTxWakesUp();
+  return false;
+}
+
+enum : unsigned { kWoken = 1, kPidChanged = 2, kWaitFailed = 4, kTickDue = 8 };
+
+// Waits until the monotonic millisecond `until`, a wake, the tick a push
+// armed or a change of the pid file; serves signals that come meanwhile and
+// waits on. The timeout is relative, so that libfaketime speeds it up with
+// the clock.
+unsigned Sleep(int64_t until, int pidWatch, int tickTimer) {
   for (;;) {
     int64_t left = until - wd_monotonicUs() / 1000;
     if (left <= 0) return 0;
@@ -202,7 +226,7 @@ unsigned Sleep(int64_t until, int pidWatch) {
     fd_set ready;
     FD_ZERO(&ready);
     int nfds = 0;
-    for (int fd : {bufTxWakeFd, pidWatch}) {
+    for (int fd : {bufTxWakeFd, pidWatch, tickTimer}) {
       if (fd < 0) continue;
       FD_SET(fd, &ready);
       nfds = std::max(nfds, fd + 1);
@@ -224,8 +248,14 @@ unsigned Sleep(int64_t until, int pidWatch) {
       woke |= kWoken;
     }
     if (pidWatch >= 0 && FD_ISSET(pidWatch, &ready) && PidFileChanged(pidWatch)) woke |= kPidChanged;
-    if (woke != 0) bufTxWakes.fetch_add(1);
-    if (ret == 0 || woke != 0) return woke;
+    if (tickTimer >= 0 && FD_ISSET(tickTimer, &ready) &&
+        read(tickTimer, &count, sizeof count) > 0) {
+      woke |= kTickDue;
+    }
+    if (ret == 0 || woke != 0) {
+      bufTxWakes.fetch_add(1);
+      return woke;
+    }
   }
 }
 
@@ -397,25 +427,34 @@ void* wd_bufTxHandler(void*) {
   sigaddset(&relaySignals, SIGUSR2);
   pthread_sigmask(SIG_UNBLOCK, &relaySignals, nullptr);
   int pidWatch = OpenPidWatch();
+  int tickTimer = OpenTickTimer();
+  bool canSleep = pidWatch >= 0 && bufTxWakeFd >= 0 && tickTimer >= 0;
   // Ticks come 300 ms apart while there is work. Without work the thread
   // sleeps until a wake, a change of the pid file or the memory check; woken,
-  // it ticks at the next boundary of the 300 ms schedule it left.
+  // it ticks at the next boundary of the 300 ms schedule it left. A push arms
+  // the timer for that boundary itself, so that the thread wakes once, there.
   int64_t tickBase = wd_monotonicUs() / 1000;
   int64_t nextTick = tickBase + kTickMs;
   int64_t nextCheck = tickBase + kMemoryCheckMs;
   bool busy = true;
   for (;;) {
     bufTxIdle = !busy;
-    unsigned woke = Sleep(busy ? std::min(nextTick, nextCheck) : nextCheck, pidWatch);
+    unsigned woke = Sleep(busy ? std::min(nextTick, nextCheck) : nextCheck, pidWatch, tickTimer);
     // A signal that came before this thread ran was taken when it unblocked
     // the signals, outside the wait: its request is carried out here.
     wd_bufServeSignals();
     int64_t now = wd_monotonicUs() / 1000;
     if ((woke & kPidChanged) && !busy) NoticeRestart();
-    if (!busy && (woke & (kWoken | kPidChanged)) && HasWork()) {
-      busy = true;
-      nextTick = tickBase + ((now - tickBase + kTickMs - 1) / kTickMs) * kTickMs;
-      if (nextTick > now) continue;
+    if (!busy && (woke & (kWoken | kPidChanged | kTickDue))) {
+      // A push's boundary is never later than the one computed now.
+      int64_t armed = wd_bufTxTakeTick();
+      if (HasWork()) {
+        wd_bufTxWakesUp();
+        busy = true;
+        nextTick =
+            armed >= 0 ? armed : tickBase + ((now - tickBase + kTickMs - 1) / kTickMs) * kTickMs;
+        if (nextTick > now) continue;
+      }
     }
     if (busy && now >= nextTick) {
       if (woke & kWaitFailed) {
@@ -427,9 +466,10 @@ void* wd_bufTxHandler(void*) {
       } else if (!dontSend) {
         NormalTick();
       }
-      busy = pidWatch < 0 || bufTxWakeFd < 0 || HasWork();
+      busy = !canSleep || HasWork();
       tickBase = wd_monotonicUs() / 1000;
       nextTick = tickBase + kTickMs;
+      if (!busy) busy = !GoIdle(tickTimer, tickBase);
     }
     if (now >= nextCheck) {
       if (checkSyslogngMemory() == 1) {

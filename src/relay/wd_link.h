@@ -18,7 +18,8 @@ void* wd_bufTxHandler(void* arg);
 void* wd_bufRxHandler(void* arg);
 void* wd_bufResendHandler(void* arg);
 // For tests: true while the transmit thread sleeps without work, and the
-// number of times a wake or a change of the pid file ended its sleep.
+// number of times its sleep ended: a wake, a change of the pid file, the tick
+// a push armed, or its time.
 extern std::atomic<bool> bufTxIdle;
 extern std::atomic<unsigned> bufTxWakes;
 // Acts on one answer from syslog-ng, "number#result#" (a datagram of at most

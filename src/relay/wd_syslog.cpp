@@ -136,7 +136,7 @@ int Push(const char* line, uint32_t category, bool limits) WD_EXCLUDES(bufMutex)
   if (saveWanted && saveMsgToFlash(&copy) == -1 && rc != 0) {
     tcdbg_printf("Error: Not able to save syslogs to flash!\n");
   }
-  if (rc == 0) wd_bufWakeTx();
+  if (rc == 0) wd_bufWakeTxForLine();
   return rc;
 }
 

@@ -4,6 +4,11 @@
 // 180-second save timer pass in about a second; each case needs a process of
 // its own, as ctest gives it.
 #include <signal.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <thread>
 
 #include "gateway.h"
 #include "wd_buffer.h"
@@ -162,6 +167,58 @@ TEST_F(RelayTest, FailureCountsAndAnswersForWhatIsNotThere) {
   ASSERT_TRUE(Drained());
 }
 
+// Real microseconds, past libfaketime.
+int64_t RealUs() {
+  timespec ts;
+  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// Several threads push while the transmit thread sleeps, sends, looks for more
+// work and goes to sleep: every line is sent. The last push of a round comes
+// at a moment swept across the thread's way to sleep, and each round drains
+// before the next pushes, so that no later push can stand in for a lost wake.
+TEST_F(RelayTest, PushesRacingWithItsSleepAllGoOut) {
+  FakeSyslog fake("S");
+  StartRelay();
+  std::vector<std::string> pushed;
+  for (int round = 0; round < 300; ++round) {
+    if (round % 5 == 0) {
+      ASSERT_TRUE(gw::WaitUntil([] { return bufTxIdle.load(); }));
+    }
+    std::atomic<int> early{0};
+    std::vector<std::thread> pushers;
+    for (int t = 0; t < 4; ++t) {
+      std::string text = "race " + std::to_string(round) + "." + std::to_string(t);
+      pushed.push_back(text);
+      pushers.emplace_back([&early, text, last = t == 3, delayUs = round % 60] {
+        // Once the last line is marked sent, the thread sends it and then
+        // looks for more work.
+        int64_t giveUp = RealUs() + 10000000;  // a lost wake leaves a line unsent
+        for (bool unsent = true; (unsent || (last && early < 3)) && RealUs() < giveUp;) {
+          wdLock lock(&bufMutex);
+          unsent = bufNodeSearchUnsent1st(commBufList) != nullptr;
+        }
+        for (int64_t from = RealUs(); last && RealUs() - from < delayUs;) {
+        }
+        EXPECT_EQ(wd_syslogStr(3, text.c_str()), 0);
+        ++early;
+      });
+    }
+    for (std::thread& t : pushers) t.join();
+    ASSERT_TRUE(Drained()) << "round " << round;
+  }
+  std::vector<std::string> received = fake.Received();
+  for (const std::string& text : pushed) {
+    EXPECT_EQ(std::count_if(received.begin(), received.end(),
+                            [&](const std::string& d) {
+                              return d.find("|" + text + "#") != std::string::npos;
+                            }),
+              1)
+        << text;
+  }
+}
+
 // The transmit thread sleeps while nothing waits; each of these wakes it. On
 // the real clock (no libfaketime), where its next wake of its own, the memory
 // check, is 30 s away: each case waits 10 s at most.
@@ -179,6 +236,19 @@ TEST_F(RelayWake, APushWakesItAndTheLineGoesOut) {
   Asleep();
   std::string line = Report(3, "pushed while asleep");
   EXPECT_TRUE(gw::WaitFor("/var/log/messages", line + "\n", 1, kWakeMs));
+}
+
+// The push arms the boundary itself: the thread wakes there and sends,
+// rather than waking at the push and sleeping on to the boundary.
+TEST_F(RelayWake, APushedLineCostsTheSleepingThreadOneWakeup) {
+  FakeSyslog fake("S");
+  StartRelay();
+  Asleep();
+  unsigned wakes = bufTxWakes.load();
+  std::string line = Report(3, "one wakeup");
+  ASSERT_TRUE(fake.WaitForCount(1, kWakeMs));
+  EXPECT_EQ(fake.Received().back(), "520 0#" + line + "#1");
+  EXPECT_EQ(bufTxWakes.load() - wakes, 1u);
 }
 
 TEST_F(RelayWake, AProbeRequestWakesIt) {

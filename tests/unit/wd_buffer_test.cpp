@@ -1,6 +1,9 @@
 // The report buffer, its flash copy and the loader, without the relay threads.
 #include "wd_buffer.h"
 
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+
 #include "wd_base.h"
 #include "wd_flash.h"
 #include "wd_syslog.h"
@@ -410,6 +413,77 @@ TEST_F(BufferTest, BrokenLinksAndCountersAreFoundAndANullObjectIsLoudWhereChecke
 #endif
   wdLock lock(&bufMutex);
   mid->obj = obj;
+}
+
+int64_t MonotonicNs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+// The first boundary of the schedule from `baseMs` at or after millisecond `ms`.
+int64_t Boundary(int64_t baseMs, int64_t ms) {
+  return baseMs + (ms - baseMs + WD_TX_TICK_MS - 1) / WD_TX_TICK_MS * WD_TX_TICK_MS;
+}
+
+// When the timerfd, armed after monotonic ns `armedAfter`, fires: within
+// [first, second]; {0, 0} when it is disarmed.
+std::pair<int64_t, int64_t> FiresAt(int fd, int64_t armedAfter) {
+  itimerspec left;
+  int64_t before = MonotonicNs();
+  EXPECT_EQ(timerfd_gettime(fd, &left), 0);
+  int64_t after = MonotonicNs();
+  int64_t ns = static_cast<int64_t>(left.it_value.tv_sec) * 1000000000 + left.it_value.tv_nsec;
+  if (ns != 0) return {before + ns, after + ns};
+  uint64_t expired;
+  if (read(fd, &expired, sizeof expired) > 0) return {armedAfter, after};
+  return {0, 0};
+}
+
+// A push arms the sleeping transmit thread's timer for the next boundary of
+// its schedule: never before it (a line sent early breaks the one line per
+// tick), never a tick later, once for all pushes until the thread takes it. A
+// boundary already reached wakes the thread at once.
+TEST(TxWake, APushArmsTheSleepingThreadForTheNextBoundaryAndNeverBefore) {
+  int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  bufTxWakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  ASSERT_GE(bufTxWakeFd, 0);
+  uint64_t wakes;
+  for (int64_t sinceBase : {0, 1, 100, 299, 300, 450}) {
+    SCOPED_TRACE(sinceBase);
+    int64_t start = MonotonicNs();
+    int64_t base = start / 1000000 - sinceBase;
+    wd_bufTxSleeps(fd, base);
+    wd_bufWakeTxForLine();
+    int64_t end = MonotonicNs();
+    std::pair<int64_t, int64_t> fires = FiresAt(fd, start);
+    wd_bufWakeTxForLine();
+    std::pair<int64_t, int64_t> again = FiresAt(fd, start);
+    bool woken = read(bufTxWakeFd, &wakes, sizeof wakes) > 0;
+    int64_t tick = wd_bufTxTakeTick();
+    EXPECT_EQ((tick - base) % WD_TX_TICK_MS, 0) << tick - base;
+    EXPECT_GE(tick, Boundary(base, start / 1000000)) << "not before the boundary";
+    EXPECT_LE(tick, Boundary(base, end / 1000000)) << "not a tick later";
+    if (fires.first == 0) {
+      EXPECT_TRUE(woken) << "not armed: woken at once";
+      EXPECT_LE(tick, end / 1000000) << "only for a boundary reached";
+    } else {
+      EXPECT_FALSE(woken);
+      EXPECT_GE(fires.second, tick * 1000000) << "the timer never fires before the boundary";
+      EXPECT_LE(fires.first, tick * 1000000 + (end - start) + 1000);
+      EXPECT_LE(again.first, fires.second) << "a second push leaves the timer as it is";
+    }
+    EXPECT_EQ(FiresAt(fd, start).first, 0) << "taken: disarmed";
+    EXPECT_EQ(wd_bufTxTakeTick(), -1);
+    wd_bufTxWakesUp();
+    wd_bufWakeTxForLine();
+    EXPECT_EQ(FiresAt(fd, start).first, 0) << "an awake thread ticks anyway";
+    EXPECT_LT(read(bufTxWakeFd, &wakes, sizeof wakes), 0);
+  }
+  close(bufTxWakeFd);
+  bufTxWakeFd = -1;
+  close(fd);
 }
 
 }  // namespace
