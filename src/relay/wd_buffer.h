@@ -92,8 +92,8 @@ extern std::atomic<int> g_idebug;                        // relay trace switch
 
 // The transmit thread sleeps while it has nothing to do; these wake it: a
 // probe requested, a reload mark, a link that resumes or a line made unsent
-// again (a pushed line arms the thread's next tick instead, see below). Any thread; a wake while it is awake costs nothing
-// but one more look. The eventfd is made by wd_bufInit (-1 before).
+// again (a pushed line arms the thread's next tick instead, see below). Any
+// thread; a wake while it is awake costs nothing but one more look. The eventfd is made by wd_bufInit (-1 before).
 extern int bufTxWakeFd;
 void wd_bufWakeTx(void);
 // Sets the reload mark (command types 11 and 12) and wakes the transmit thread.
