@@ -186,7 +186,7 @@ const wdModDesc kArpModule = {
     {StartRule, "arp thread ret=%d!"},
     {0, 0},  // no data record
     {mod_arpHandler, &kText, nullptr, OnEvent, nullptr},
-    {WD_MOD_TIMER_PERIOD, 0, false},
+    {WD_MOD_TIMER_PERIOD, 0, false, false},
 };
 
 void* mod_arpHandler(void* arg) { wd_runModule(kArpModule, arg); }

@@ -123,7 +123,7 @@ const wdModDesc kGeneralModule = {
     {wd_startAlways, nullptr},
     {0, 0},  // no data record
     {mod_generalHandler, &kText, nullptr, OnEvent, nullptr},
-    {WD_MOD_TIMER_NONE, 0, false},
+    {WD_MOD_TIMER_NONE, 0, false, false},
 };
 
 void* mod_generalHandler(void* arg) { wd_runModule(kGeneralModule, arg); }

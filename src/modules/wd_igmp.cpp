@@ -71,7 +71,7 @@ const wdModDesc kIgmpModule = {
     {wd_startAlways, nullptr},
     {0, 0},  // no data record
     {mod_igmpHandler, &kText, nullptr, OnEvent, nullptr},
-    {WD_MOD_TIMER_PERIOD, 0, false},
+    {WD_MOD_TIMER_PERIOD, 0, false, false},
 };
 
 void* mod_igmpHandler(void* arg) { wd_runModule(kIgmpModule, arg); }

@@ -213,7 +213,7 @@ const wdModDesc kIpRouteModule = {
     {StartRule, "route thread ret=%d!"},
     {0, 0},  // no data record
     {mod_ipRouteHandler, &kText, Init, OnEvent, nullptr},
-    {WD_MOD_TIMER_NONE, 0, false},  // Init arms it in mode "1"
+    {WD_MOD_TIMER_NONE, 0, false, false},  // Init arms it in mode "1"
 };
 
 void* mod_ipRouteHandler(void* arg) { wd_runModule(kIpRouteModule, arg); }

@@ -134,7 +134,7 @@ void wd_runModule(const wdModDesc& desc, void* arg) {
   }
   // The timers this thread arms for its module are its own to serve: its
   // loop waits until they are due and calls them (wd_modLoop).
-  wd_timerServe(desc.id);
+  if (!desc.timer.byTimerThread) wd_timerServe(desc.id);
   if (desc.thread.init != nullptr) desc.thread.init(&run);
   if (desc.timer.kind == WD_MOD_TIMER_PERIOD) {
     run.timerId = wd_startModTimer(desc);

@@ -148,6 +148,10 @@ struct wdModDesc {
     wdModTimer kind;
     int fixedMs;   // WD_MOD_TIMER_FIXED's period
     bool oneShot;  // run->timerId is a one-shot timer (wd_pppthreadExit)
+    // The timer thread calls the module's timers, not its own thread: its
+    // work blocks for longer than its period, and a timer that falls due
+    // meanwhile is then called on time.
+    bool byTimerThread;
   } timer;
 };
 

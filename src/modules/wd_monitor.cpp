@@ -132,7 +132,7 @@ const wdModDesc kMonitorModule = {
     {wd_startAlways, nullptr},
     {MONITOR_DATA, 8},  // an 8-byte record, received and dropped
     {mod_monitorHandler, &kText, Init, OnEvent, nullptr},
-    {WD_MOD_TIMER_NONE, 0, false},  // Init arms it
+    {WD_MOD_TIMER_NONE, 0, false, false},  // Init arms it
 };
 
 void* mod_monitorHandler(void* arg) { wd_runModule(kMonitorModule, arg); }

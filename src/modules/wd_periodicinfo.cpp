@@ -101,7 +101,7 @@ const wdModDesc kPeriodicInfoModule = {
     {StartRule, "info thread ret=%d!"},
     {0, 0},  // no data record
     {mod_periodicInfoHandler, &kText, Init, OnEvent, nullptr},
-    {WD_MOD_TIMER_NONE, 0, false},  // Init arms the configured period
+    {WD_MOD_TIMER_NONE, 0, false, false},  // Init arms the configured period
 };
 
 void* mod_periodicInfoHandler(void* arg) { wd_runModule(kPeriodicInfoModule, arg); }

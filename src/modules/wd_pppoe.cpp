@@ -398,7 +398,7 @@ const wdModDesc kPppoeModule = {
     {StartRule, "ppp thread ret=%d!"},
     {0, 0},  // no data record
     {mod_pppoeHandler, &kText, Init, OnEvent, Exit},
-    {WD_MOD_TIMER_NONE, 0, true},  // Init arms the one-shot check timer
+    {WD_MOD_TIMER_NONE, 0, true, true},  // Init arms the one-shot check timer; a cycle outlasts it
 };
 
 void* mod_pppoeHandler(void* arg) { wd_runModule(kPppoeModule, arg); }

@@ -40,7 +40,7 @@ const wdModDesc kSampleModule = {
     {nullptr, nullptr},           // started only by command
     {0, 0},                       // no data record
     {mod_sampleHandler, &kText, nullptr, OnMsg, nullptr},
-    {WD_MOD_TIMER_NONE, 0, false},
+    {WD_MOD_TIMER_NONE, 0, false, false},
 };
 
 void* mod_sampleHandler(void* arg) { wd_runModule(kSampleModule, arg); }

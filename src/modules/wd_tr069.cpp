@@ -221,7 +221,7 @@ const wdModDesc kTr069Module = {
     {StartRule, "tr069 thread ret=%d!"},
     {0, 0},  // no data record
     {mod_tr069Handler, &kText, Init, OnEvent, nullptr},
-    {WD_MOD_TIMER_FIXED, 1000, false},  // a one-second tick, whatever the period
+    {WD_MOD_TIMER_FIXED, 1000, false, false},  // a one-second tick, whatever the period
 };
 
 void* mod_tr069Handler(void* arg) { wd_runModule(kTr069Module, arg); }

@@ -118,7 +118,7 @@ const wdModDesc kVoipRegisterModule = {
     {StartRule, nullptr},
     {RECEIVE_FROM, sizeof(VoipRegisterReply)},
     {mod_voipRegisterHandler, &kText, nullptr, OnEvent, nullptr},
-    {WD_MOD_TIMER_PERIOD, 0, false},
+    {WD_MOD_TIMER_PERIOD, 0, false, false},
 };
 
 void* mod_voipRegisterHandler(void* arg) { wd_runModule(kVoipRegisterModule, arg); }

@@ -219,7 +219,7 @@ const wdModDesc kVoipStatsModule = {
     {wd_startAlways, nullptr},
     {RECEIVE_FROM, sizeof(VoipStatsReply)},
     {mod_voipStatsHandler, &kText, Init, OnEvent, nullptr},
-    {WD_MOD_TIMER_NONE, 0, false},  // Init arms it
+    {WD_MOD_TIMER_NONE, 0, false, false},  // Init arms it
 };
 
 void* mod_voipStatsHandler(void* arg) { wd_runModule(kVoipStatsModule, arg); }
