@@ -234,7 +234,7 @@ int Run(const char* name, const char* const argv[], int seconds, wdOutput* out) 
     out->file = p.keep = Keep(out);
     if (p.keep == nullptr) return -1;
     p.room = out->max;
-    written = p.file = OwnFile(out->max);
+    written = p.file = out->throughPipe ? -1 : OwnFile(out->max);
     if (p.file < 0) {
       int fds[2];
       if (pipe2(fds, O_CLOEXEC) != 0) return -1;
@@ -259,8 +259,10 @@ int Run(const char* name, const char* const argv[], int seconds, wdOutput* out) 
     return -1;
   }
   p.pidfd = wd_pidfdOpenHook(p.pid);
+  if (wd_runWaitHook != nullptr) wd_runWaitHook(true);
   bool inTime = Await(&p, NowMs() + static_cast<int64_t>(seconds) * 1000);
   if (!inTime) Stop(&p, name, seconds);
+  if (wd_runWaitHook != nullptr) wd_runWaitHook(false);
   if (p.pidfd >= 0) close(p.pidfd);
   if (p.file >= 0) {
     KeepWritten(&p);
@@ -277,6 +279,7 @@ int Run(const char* name, const char* const argv[], int seconds, wdOutput* out) 
 }  // namespace
 
 int (*wd_pidfdOpenHook)(pid_t pid) = PidfdOpen;
+void (*wd_runWaitHook)(bool waiting) = nullptr;
 int (*wd_memfdCreateHook)(const char* name, unsigned flags) = MemfdCreate;
 
 int wd_run(const char* const argv[], int seconds, wdOutput* out) {

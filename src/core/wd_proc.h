@@ -24,6 +24,9 @@ struct wdOutput {
   bool dropErrors;   // standard error to /dev/null, else the daemon's (the debug console)
   FILE* file;        // set by wd_run: what was kept, open for reading from its start;
                      // null when nothing could be kept. The caller closes it.
+  bool throughPipe;  // through a pipe read as it comes, not the sealed file: for a
+                     // command that may reopen its output (> /dev/stdout), which
+                     // the sealed file refuses
 };
 
 // wd_run's result for a program stopped at its deadline.
@@ -43,8 +46,9 @@ struct wdOutput {
 // the background keeps running. Returns the wait status as system() does, -1
 // when the program could not be started, WD_RUN_STOPPED when it was stopped;
 // `out->file` holds what it printed in every case but a failed creation of
-// the output file, when nothing runs. Where the kernel has no memfd with
-// seals, the output comes through a pipe instead, read as it comes: a write
+// the output file, when nothing runs. With `out->throughPipe`, or where the
+// kernel has no memfd with seals, the output comes through a pipe instead,
+// read as it comes: a write
 // beyond `max` then gets SIGPIPE, and a process that keeps the pipe open holds
 // wd_run until the deadline. Any thread; blocks it meanwhile.
 int wd_run(const char* const argv[], int seconds, wdOutput* out = nullptr);
@@ -56,6 +60,12 @@ int wd_runShell(const char* command, int seconds, wdOutput* out = nullptr);
 // ends (pidfd_open, Linux 5.3). Where it fails, wd_run checks at growing
 // intervals instead (a few ms, up to 100 ms). Set only before threads start.
 extern int (*wd_pidfdOpenHook)(pid_t pid);
+
+// Called with true before wd_run waits for a program and with false once the
+// wait is over, in the thread that runs it (null: nothing). The module
+// threads hand the timers they call themselves to the timer thread
+// meanwhile.
+extern void (*wd_runWaitHook)(bool waiting);
 
 // Test seam: how wd_run gets the file in memory for a program's output
 // (memfd_create, Linux 3.17). Where it fails, the output comes through a pipe.

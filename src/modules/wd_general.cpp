@@ -102,7 +102,7 @@ int isPermission(const char* command) {
 void executeShellCommand(const char* command) { mod_generalRun(command, WD_SHELL_TIME_LIMIT); }
 
 void mod_generalRun(const char* command, int limitSeconds) {
-  wdOutput out = {nullptr, kOutputMax, false, nullptr};
+  wdOutput out = {nullptr, kOutputMax, false, nullptr, true};  // it may reopen /dev/stdout
   wd_runShell(command, limitSeconds, &out);
   if (out.file == nullptr) return;
   mod_generalReport(command, out.file);

@@ -152,7 +152,7 @@ void mod_routeReport(FILE* route) {
 }
 
 void parserRouteTable(void) {
-  wdOutput out = {nullptr, kRouteOutputMax, false, nullptr};
+  wdOutput out = {nullptr, kRouteOutputMax, false, nullptr, false};
   // A table cut short by the deadline is not reported: its last row may be cut.
   bool stopped = wd_runShell("route", kRouteSeconds, &out) == WD_RUN_STOPPED;
   if (out.file == nullptr) return;

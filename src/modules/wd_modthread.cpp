@@ -19,6 +19,7 @@
 #include "tcapi.h"
 #include "wd_base.h"
 #include "wd_lock.h"
+#include "wd_proc.h"
 #include "wd_timer.h"
 
 namespace {
@@ -100,6 +101,9 @@ bool wd_startAlways(uint32_t*) { return true; }
 bool wd_settingUnset(const char* value) { return value[0] == '\0' || strcmp(value, "0") == 0; }
 
 void wd_setModTable(const wdModDesc* const* table, size_t count) {
+  // While a module thread waits for a program, the timer thread calls the
+  // timers it serves. Written once, before any module thread runs.
+  if (wd_runWaitHook != wd_timerLend) wd_runWaitHook = wd_timerLend;
   gTable = table;
   gTableCount = count;
   for (auto& d : gById) d = nullptr;

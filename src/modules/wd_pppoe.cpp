@@ -111,7 +111,7 @@ void Escalate(wdPppKind kind) {
 FILE* RunInto(const std::vector<const char*>& argv, int seconds, const char* file) {
   std::vector<const char*> args(argv);
   args.push_back(nullptr);
-  wdOutput out = {file, kToolOutputMax, true, nullptr};
+  wdOutput out = {file, kToolOutputMax, true, nullptr, false};
   wd_run(args.data(), seconds, &out);
   return out.file;
 }

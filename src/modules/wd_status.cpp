@@ -110,7 +110,7 @@ void showProcessStatus(void) {
   // file made anew and read back. A listing cut short by ps's deadline is not
   // reported: the processes it misses would read as not running.
   const char* const argv[] = {"ps", nullptr};
-  wdOutput out = {path, kPsOutputMax, false, nullptr};
+  wdOutput out = {path, kPsOutputMax, false, nullptr, false};
   bool stopped = wd_run(argv, kPsSeconds, &out) == WD_RUN_STOPPED;
   char text[kLine];
   mod_processStatusText(out.file, text, sizeof text);

@@ -291,8 +291,10 @@ void wd_bufWakeTxForLine(void) {
     if (txSleepTimerFd < 0 || txArmedTickMs >= 0) return;
     int64_t nowUs = wd_monotonicUs();
     int64_t nowMs = nowUs / 1000;
-    txArmedTickMs =
-        txSleepBaseMs + (nowMs - txSleepBaseMs + WD_TX_TICK_MS - 1) / WD_TX_TICK_MS * WD_TX_TICK_MS;
+    // The first boundary after the base, never the base itself: ticks stay
+    // 300 ms apart.
+    int64_t ticks = (nowMs - txSleepBaseMs + WD_TX_TICK_MS - 1) / WD_TX_TICK_MS;
+    txArmedTickMs = txSleepBaseMs + (ticks > 1 ? ticks : 1) * WD_TX_TICK_MS;
     // nowUs is rounded down, so the timer never fires before the boundary. A
     // boundary already reached is woken for at once.
     int64_t ns = (txArmedTickMs * 1000 - nowUs) * 1000;

@@ -451,8 +451,8 @@ void* wd_bufTxHandler(void*) {
       if (HasWork()) {
         wd_bufTxWakesUp();
         busy = true;
-        nextTick =
-            armed >= 0 ? armed : tickBase + ((now - tickBase + kTickMs - 1) / kTickMs) * kTickMs;
+        int64_t ticks = (now - tickBase + kTickMs - 1) / kTickMs;  // at least one
+        nextTick = armed >= 0 ? armed : tickBase + (ticks > 1 ? ticks : 1) * kTickMs;
         if (nextTick > now) continue;
       }
     }

@@ -131,12 +131,13 @@ int Push(const char* line, uint32_t category, bool limits) WD_EXCLUDES(bufMutex)
     if (limits && debuglevel > 0) printBufAll(commBufList);
     if (saveWanted) wd_flashTake(commBufList, &copy);
   }
+  // The line's tick is armed before a save, which may take a while.
+  if (rc == 0) wd_bufWakeTxForLine();
   // A refused line asks for the copy because the buffer is full: say when even
   // that fails. The copy for a second ppp line is best effort.
   if (saveWanted && saveMsgToFlash(&copy) == -1 && rc != 0) {
     tcdbg_printf("Error: Not able to save syslogs to flash!\n");
   }
-  if (rc == 0) wd_bufWakeTxForLine();
   return rc;
 }
 

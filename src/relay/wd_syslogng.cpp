@@ -207,7 +207,7 @@ void kill_process(const char* pidFile, const char* name) {
 }
 
 int checkSyslogngMemory(void) {
-  wdOutput out = {kListing, kListingMax, false, nullptr};
+  wdOutput out = {kListing, kListingMax, false, nullptr, false};
   wd_runShell("ps | grep -v grep | grep \"/usr/sbin/syslog-ng -f /var/syslog-ng.conf\"",
               kListingSeconds, &out);
   FILE* f = out.file;

@@ -9,8 +9,9 @@
 // Between passes the timer thread sleeps until the earliest due time of any
 // timer (without limit when none is armed). Arming a timer due before that,
 // or stopping the one it sleeps for, wakes it through an eventfd. A timer
-// that a module thread serves (server != 0) is that thread's alone: the
-// timer thread's passes and sleeps leave it out.
+// that a module thread serves (server > 0) is that thread's alone: the
+// timer thread's passes and sleeps leave it out. While that thread waits for
+// a program, its timers are lent to the timer thread (server < 0).
 #include "wd_timer.h"
 
 #include <errno.h>
@@ -233,7 +234,7 @@ int Disarm(timerList* list, int id) WD_EXCLUDES(timerMutex) {
       timerNode* t = static_cast<timerNode*>(e);
       if (t->id == id) {
         // The thread sleeps for this one: it wakes and sleeps anew for the next.
-        if (t->server == 0 && Us(t->expiry) <= gSleepUntilUs && gSleepUntilUs != INT64_MIN) {
+        if (t->server <= 0 && Us(t->expiry) <= gSleepUntilUs && gSleepUntilUs != INT64_MIN) {
           gSleepUntilUs = INT64_MIN;
           wake = true;
         }
@@ -258,12 +259,12 @@ int64_t NextDue(int64_t passUs) WD_EXCLUDES(timerMutex) {
   for (void* e = timer_list_get_first(&time_list, &it); e != nullptr; e = timer_list_get_next(&it)) {
     const timerNode* t = static_cast<timerNode*>(e);
     int64_t due = Us(t->expiry);
-    if (t->server == 0 && due < next) next = due;
+    if (t->server <= 0 && due < next) next = due;
   }
   for (void* e = timer_list_get_first(&periodic_time_list, &it); e != nullptr;
        e = timer_list_get_next(&it)) {
     const timerNode* t = static_cast<timerNode*>(e);
-    if (t->server != 0) continue;
+    if (t->server > 0) continue;
     int64_t due = Us(t->expiry);
     if (t->interval < kPassGapUs / 1000 && due < passUs + kPassGapUs) due = passUs + kPassGapUs;
     if (due < next) next = due;
@@ -395,7 +396,7 @@ void wd_timerPass(const wdTimeVal* now) {
     void* e = timer_list_get_first(&time_list, &it);
     while (e != nullptr) {
       timerNode* t = static_cast<timerNode*>(e);
-      if (t->server == 0 && IsDue(t, now)) {
+      if (t->server <= 0 && IsDue(t, now)) {
 #ifdef WD_TIMER_STATS
         if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
 #endif
@@ -411,7 +412,7 @@ void wd_timerPass(const wdTimeVal* now) {
     for (e = timer_list_get_first(&periodic_time_list, &it); e != nullptr && calls < noted.size();
          e = timer_list_get_next(&it)) {
       timerNode* t = static_cast<timerNode*>(e);
-      if (t->server != 0 || !IsDue(t, now)) continue;
+      if (t->server > 0 || !IsDue(t, now)) continue;
 #ifdef WD_TIMER_STATS
       if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
 #endif
@@ -476,7 +477,7 @@ void wd_timerServeEnd(void) {
       timerListIterator it;
       for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
         timerNode* t = static_cast<timerNode*>(e);
-        if (t->server != tlServer) continue;
+        if (t->server != tlServer && t->server != -tlServer) continue;
         t->server = 0;
         left = true;
       }
@@ -486,6 +487,26 @@ void wd_timerServeEnd(void) {
   tlServer = 0;
   tlServedMod = -1;
   if (left) WakeTimerThread();
+}
+
+void wd_timerLend(bool lend) {
+  if (tlServer == 0) return;
+  bool wake = false;
+  {
+    wdLock lock(&timerMutex);
+    for (timerList* list : {&time_list, &periodic_time_list}) {
+      timerListIterator it;
+      for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
+        timerNode* t = static_cast<timerNode*>(e);
+        if (t->server != (lend ? tlServer : -tlServer)) continue;
+        t->server = -t->server;
+        // Due before the timer thread wakes: it must look anew.
+        if (lend && Us(t->expiry) < gSleepUntilUs) wake = true;
+      }
+    }
+    if (wake) gSleepUntilUs = INT64_MIN;
+  }
+  if (wake) WakeTimerThread();
 }
 
 int64_t wd_timerServedWait(void) {

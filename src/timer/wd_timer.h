@@ -85,6 +85,12 @@ int64_t wd_timerSleepUntil(void) WD_EXCLUDES(timerMutex);
 // thread's, which keeps such timers 100 ms apart.
 void wd_timerServe(int modId) WD_EXCLUDES(timerMutex);
 void wd_timerServeEnd(void) WD_EXCLUDES(timerMutex);
+// While the calling thread waits for a program (`lend` true, until called
+// with false), the timers it serves are the timer thread's: one that falls
+// due meanwhile is called on time, ahead of the events sent to the module
+// after it, as if the timer thread had always served it. The timer thread is
+// woken only when one is due before it would wake anyway.
+void wd_timerLend(bool lend) WD_EXCLUDES(timerMutex);
 // Microseconds from now until the earliest of the calling thread's own timers
 // is due: 0 when one is due, -1 when it has none (or serves none).
 int64_t wd_timerServedWait(void) WD_EXCLUDES(timerMutex);

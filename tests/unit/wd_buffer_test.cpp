@@ -8,6 +8,7 @@
 #include "wd_flash.h"
 #include "wd_syslog.h"
 
+#include <algorithm>
 #include <map>
 #include <memory>
 
@@ -423,7 +424,8 @@ int64_t MonotonicNs() {
 
 // The first boundary of the schedule from `baseMs` at or after millisecond `ms`.
 int64_t Boundary(int64_t baseMs, int64_t ms) {
-  return baseMs + (ms - baseMs + WD_TX_TICK_MS - 1) / WD_TX_TICK_MS * WD_TX_TICK_MS;
+  int64_t ticks = (ms - baseMs + WD_TX_TICK_MS - 1) / WD_TX_TICK_MS;
+  return baseMs + std::max<int64_t>(ticks, 1) * WD_TX_TICK_MS;
 }
 
 // When the timerfd, armed after monotonic ns `armedAfter`, fires: within
@@ -463,6 +465,7 @@ TEST(TxWake, APushArmsTheSleepingThreadForTheNextBoundaryAndNeverBefore) {
     bool woken = read(bufTxWakeFd, &wakes, sizeof wakes) > 0;
     int64_t tick = wd_bufTxTakeTick();
     EXPECT_EQ((tick - base) % WD_TX_TICK_MS, 0) << tick - base;
+    EXPECT_GT(tick, base) << "never the tick that has just ended";
     EXPECT_GE(tick, Boundary(base, start / 1000000)) << "not before the boundary";
     EXPECT_LE(tick, Boundary(base, end / 1000000)) << "not a tick later";
     if (fires.first == 0) {

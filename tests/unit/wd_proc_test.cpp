@@ -17,10 +17,12 @@ struct Ran {
 };
 
 // `command` run with the shell for at most `seconds`, at most `max` bytes of
-// its output kept in `path` (in memory without one).
-Ran Shell(const char* command, int seconds = 1, size_t max = 4096, const char* path = nullptr) {
+// its output kept in `path` (in memory without one), through a pipe when
+// `throughPipe`.
+Ran Shell(const char* command, int seconds = 1, size_t max = 4096, const char* path = nullptr,
+          bool throughPipe = false) {
   Ran r = {};
-  wdOutput out = {path, max, false, nullptr};
+  wdOutput out = {path, max, false, nullptr, throughPipe};
   r.said = Said([&] { r.rc = wd_runShell(command, seconds, &out); });
   char buf[4096];
   for (size_t n; out.file && (n = fread(buf, 1, sizeof buf, out.file)) > 0;) r.out.append(buf, n);
@@ -177,12 +179,19 @@ TEST(Output, WithoutMemfdItComesThroughAPipe) {
   EXPECT_TRUE(GroupGone(atoi(held.out.c_str())));
 }
 
+// The configured command's way: its output may be reopened by name.
+TEST(Output, ThroughAPipeACommandMayReopenItsOutput) {
+  Ran r = Shell("echo a; echo b > /dev/stdout; echo c >> /dev/stdout", 10, 4096, nullptr, true);
+  EXPECT_EQ(r.rc, 0);
+  EXPECT_EQ(r.out, "a\nb\nc\n");
+}
+
 TEST(Output, NoDescriptorLeftOpen) {
   size_t before = OpenDescriptors();
   Shell("echo kept");
   Shell("echo kept", 1, 10, "/tmp/leak");
   Shell("exec sleep 1000");  // stopped
-  wdOutput out = {nullptr, 10, false, nullptr};
+  wdOutput out = {nullptr, 10, false, nullptr, false};
   const char* missing[] = {"/no/such/program", nullptr};
   wd_run(missing, 1, &out);
   if (out.file != nullptr) fclose(out.file);

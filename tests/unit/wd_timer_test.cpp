@@ -214,6 +214,23 @@ TEST_F(TimerTest, AModuleThreadCallsTheTimersItArmsForItsModule) {
   EXPECT_EQ(gCalls, (std::vector<std::string>{"1:5", "3:6", "4:5"})) << "the timer thread's again";
 }
 
+// While its thread waits for a program, a served timer is the timer
+// thread's, so that it is called on time.
+TEST_F(TimerTest, AServedTimerIsLentToTheTimerThreadWhileItsThreadWaits) {
+  gNow = {100, 0};
+  wd_timerServe(5);
+  ASSERT_EQ(wd_addPTimer(1, 1000, Record, 5), 0);
+  wd_timerLend(true);
+  EXPECT_EQ(wd_timerServedWait(), -1);
+  PassAt(101, 0);
+  EXPECT_EQ(gCalls, (std::vector<std::string>{"1:5"}));
+  wd_timerLend(false);
+  PassAt(103, 0);
+  EXPECT_EQ(gCalls, (std::vector<std::string>{"1:5"})) << "its own thread's again";
+  EXPECT_EQ(wd_timerServedWait(), 2000000) << "as the timer thread re-armed it";
+  wd_timerServeEnd();
+}
+
 // The timer thread itself, on the monotonic clock. Each case runs in a
 // process of its own, so the thread started here meets no other case.
 std::mutex gFiredMutex;
