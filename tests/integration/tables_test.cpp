@@ -91,12 +91,15 @@ TEST_F(NetTables, ArpQueryReportsTheKernelTableAndResetEmptiesIt) {
   EXPECT_EQ(Reports("arp")[3].substr(0, 31), "00:11:22:33:44:66|192.168.1.101");
   Arp("1", "01");
   ASSERT_TRUE(ArpReads("ResetTable", "0"));
-  EXPECT_EQ(gw::GetConfig("Watchdog_ARP", "Query"), "01");
   ASSERT_TRUE(gw::WaitUntil([] { return Neighbours() == 0; }));
-  // The next report is the next query's: "01" reported nothing.
+  // The module writes "Query" after "ResetTable": the report of an expiry
+  // sent next shows that the change is over, its writes included. That
+  // report is the next one: "01" reported nothing.
   Ping("192.168.1.100");
-  Arp("0", "1");
+  wdMsg expiry = gw::Event(TIMER_EXPIRED, MOD_ARP);
+  ASSERT_TRUE(gw::SendToChannel("/var/wd_arp.chanl", &expiry, sizeof expiry));
   ASSERT_TRUE(gw::WaitReports("arp", 5));
+  EXPECT_EQ(gw::GetConfig("Watchdog_ARP", "Query"), "01");
   reports = Reports("arp");
   EXPECT_EQ(reports.size(), 5u);
   EXPECT_EQ(reports.back().substr(0, 31), "00:11:22:33:44:55|192.168.1.100");
