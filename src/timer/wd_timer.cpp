@@ -163,6 +163,44 @@ timerNode* NewTimer(const wdTimeVal* now, int id, int interval, wdTimerCallback 
   return t;
 }
 
+// Who calls a timer: the token of the module thread that serves it, 0 for
+// the timer thread (also for a timer lent to it).
+int Caller(const timerNode* t) WD_REQUIRES(timerMutex) { return t->server > 0 ? t->server : 0; }
+
+// Calls `fn` on every timer of both lists.
+template <class Fn>
+void EachTimer(Fn fn) WD_REQUIRES(timerMutex) {
+  for (timerList* list : {&time_list, &periodic_time_list}) {
+    timerListIterator it;
+    for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it))
+      fn(static_cast<timerNode*>(e));
+  }
+}
+
+// Removes the one-shot timers that `caller` calls and that are due at `now`,
+// and returns them chained through `due`, in arming order.
+timerNode* TakeDueOneShots(const wdTimeVal* now, int caller) WD_REQUIRES(timerMutex) {
+  timerNode* first = nullptr;
+  timerNode** last = &first;
+  timerListIterator it;
+  void* e = timer_list_get_first(&time_list, &it);
+  while (e != nullptr) {
+    timerNode* t = static_cast<timerNode*>(e);
+    if (Caller(t) == caller && IsDue(t, now)) {
+#ifdef WD_TIMER_STATS
+      if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
+#endif
+      t->due = nullptr;
+      *last = t;
+      last = &t->due;
+      e = timer_list_iterator_remove(&it);
+    } else {
+      e = timer_list_get_next(&it);
+    }
+  }
+  return first;
+}
+
 // Calls and releases the one-shot timers of a pass, chained through `due`.
 // Exempt: they were removed from the list under timerMutex and are the timer
 // thread's alone.
@@ -234,7 +272,7 @@ int Disarm(timerList* list, int id) WD_EXCLUDES(timerMutex) {
       timerNode* t = static_cast<timerNode*>(e);
       if (t->id == id) {
         // The thread sleeps for this one: it wakes and sleeps anew for the next.
-        if (t->server <= 0 && Us(t->expiry) <= gSleepUntilUs && gSleepUntilUs != INT64_MIN) {
+        if (Caller(t) == 0 && Us(t->expiry) <= gSleepUntilUs && gSleepUntilUs != INT64_MIN) {
           gSleepUntilUs = INT64_MIN;
           wake = true;
         }
@@ -259,12 +297,12 @@ int64_t NextDue(int64_t passUs) WD_EXCLUDES(timerMutex) {
   for (void* e = timer_list_get_first(&time_list, &it); e != nullptr; e = timer_list_get_next(&it)) {
     const timerNode* t = static_cast<timerNode*>(e);
     int64_t due = Us(t->expiry);
-    if (t->server <= 0 && due < next) next = due;
+    if (Caller(t) == 0 && due < next) next = due;
   }
   for (void* e = timer_list_get_first(&periodic_time_list, &it); e != nullptr;
        e = timer_list_get_next(&it)) {
     const timerNode* t = static_cast<timerNode*>(e);
-    if (t->server > 0) continue;
+    if (Caller(t) != 0) continue;
     int64_t due = Us(t->expiry);
     if (t->interval < kPassGapUs / 1000 && due < passUs + kPassGapUs) due = passUs + kPassGapUs;
     if (due < next) next = due;
@@ -389,30 +427,15 @@ void wd_timerPass(const wdTimeVal* now) {
   if (noted.size() < wanted) noted.resize(wanted);
   size_t calls = 0;
   timerNode* dueFirst = nullptr;
-  timerNode** dueLast = &dueFirst;
   {
     wdLock lock(&timerMutex);
-    timerListIterator it;
-    void* e = timer_list_get_first(&time_list, &it);
-    while (e != nullptr) {
-      timerNode* t = static_cast<timerNode*>(e);
-      if (t->server <= 0 && IsDue(t, now)) {
-#ifdef WD_TIMER_STATS
-        if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
-#endif
-        t->due = nullptr;
-        *dueLast = t;
-        dueLast = &t->due;
-        e = timer_list_iterator_remove(&it);
-      } else {
-        e = timer_list_get_next(&it);
-      }
-    }
+    dueFirst = TakeDueOneShots(now, 0);
     wanted = static_cast<size_t>(periodic_time_list.count);
-    for (e = timer_list_get_first(&periodic_time_list, &it); e != nullptr && calls < noted.size();
+    timerListIterator it;
+    for (void* e = timer_list_get_first(&periodic_time_list, &it); e != nullptr && calls < noted.size();
          e = timer_list_get_next(&it)) {
       timerNode* t = static_cast<timerNode*>(e);
-      if (t->server > 0 || !IsDue(t, now)) continue;
+      if (Caller(t) != 0 || !IsDue(t, now)) continue;
 #ifdef WD_TIMER_STATS
       if (IsModuleTimer(t->callback)) NoteExpiry(now, &t->expiry, t->arg);
 #endif
@@ -473,15 +496,11 @@ void wd_timerServeEnd(void) {
   bool left = false;
   {
     wdLock lock(&timerMutex);
-    for (timerList* list : {&time_list, &periodic_time_list}) {
-      timerListIterator it;
-      for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
-        timerNode* t = static_cast<timerNode*>(e);
-        if (t->server != tlServer && t->server != -tlServer) continue;
-        t->server = 0;
-        left = true;
-      }
-    }
+    EachTimer([&](timerNode* t) WD_REQUIRES(timerMutex) {
+      if (t->server != tlServer && t->server != -tlServer) return;
+      t->server = 0;
+      left = true;
+    });
     if (left) gSleepUntilUs = INT64_MIN;
   }
   tlServer = 0;
@@ -494,16 +513,12 @@ void wd_timerLend(bool lend) {
   bool wake = false;
   {
     wdLock lock(&timerMutex);
-    for (timerList* list : {&time_list, &periodic_time_list}) {
-      timerListIterator it;
-      for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
-        timerNode* t = static_cast<timerNode*>(e);
-        if (t->server != (lend ? tlServer : -tlServer)) continue;
-        t->server = -t->server;
-        // Due before the timer thread wakes: it must look anew.
-        if (lend && Us(t->expiry) < gSleepUntilUs) wake = true;
-      }
-    }
+    EachTimer([&](timerNode* t) WD_REQUIRES(timerMutex) {
+      if (t->server != (lend ? tlServer : -tlServer)) return;
+      t->server = -t->server;
+      // Due before the timer thread wakes: it must look anew.
+      if (lend && Us(t->expiry) < gSleepUntilUs) wake = true;
+    });
     if (wake) gSleepUntilUs = INT64_MIN;
   }
   if (wake) WakeTimerThread();
@@ -516,13 +531,9 @@ int64_t wd_timerServedWait(void) {
   int64_t next = INT64_MAX;
   {
     wdLock lock(&timerMutex);
-    for (timerList* list : {&time_list, &periodic_time_list}) {
-      timerListIterator it;
-      for (void* e = timer_list_get_first(list, &it); e != nullptr; e = timer_list_get_next(&it)) {
-        const timerNode* t = static_cast<timerNode*>(e);
-        if (t->server == tlServer && Us(t->expiry) < next) next = Us(t->expiry);
-      }
-    }
+    EachTimer([&](const timerNode* t) WD_REQUIRES(timerMutex) {
+      if (t->server == tlServer && Us(t->expiry) < next) next = Us(t->expiry);
+    });
   }
   if (next == INT64_MAX) return -1;
   return next > Us(now) ? next - Us(now) : 0;
@@ -542,29 +553,14 @@ void wd_timerServedPass(bool late) {
   } noted[kRoom];
   int calls = 0;
   timerNode* dueFirst = nullptr;
-  timerNode** dueLast = &dueFirst;
   {
     wdLock lock(&timerMutex);
+    dueFirst = TakeDueOneShots(&now, tlServer);
     timerListIterator it;
-    void* e = timer_list_get_first(&time_list, &it);
-    while (e != nullptr) {
-      timerNode* t = static_cast<timerNode*>(e);
-      if (t->server == tlServer && IsDue(t, &now)) {
-#ifdef WD_TIMER_STATS
-        if (IsModuleTimer(t->callback)) NoteExpiry(&now, &t->expiry, t->arg);
-#endif
-        t->due = nullptr;
-        *dueLast = t;
-        dueLast = &t->due;
-        e = timer_list_iterator_remove(&it);
-      } else {
-        e = timer_list_get_next(&it);
-      }
-    }
-    for (e = timer_list_get_first(&periodic_time_list, &it); e != nullptr && calls < kRoom;
+    for (void* e = timer_list_get_first(&periodic_time_list, &it); e != nullptr && calls < kRoom;
          e = timer_list_get_next(&it)) {
       timerNode* t = static_cast<timerNode*>(e);
-      while (t->server == tlServer && IsDue(t, &now) && calls < kRoom) {
+      while (Caller(t) == tlServer && IsDue(t, &now) && calls < kRoom) {
 #ifdef WD_TIMER_STATS
         if (IsModuleTimer(t->callback)) NoteExpiry(&now, &t->expiry, t->arg);
 #endif
