@@ -285,16 +285,18 @@ void wd_bufTxWakesUp(void) {
   txSleepTimerFd = -1;
 }
 
+int64_t wd_bufNextTick(int64_t baseMs, int64_t nowMs) {
+  int64_t ticks = (nowMs - baseMs + WD_TX_TICK_MS - 1) / WD_TX_TICK_MS;
+  return baseMs + (ticks > 1 ? ticks : 1) * WD_TX_TICK_MS;
+}
+
 void wd_bufWakeTxForLine(void) {
   {
     wdLock lock(&txSleepMutex);
     if (txSleepTimerFd < 0 || txArmedTickMs >= 0) return;
     int64_t nowUs = wd_monotonicUs();
     int64_t nowMs = nowUs / 1000;
-    // The first boundary after the base, never the base itself: ticks stay
-    // 300 ms apart.
-    int64_t ticks = (nowMs - txSleepBaseMs + WD_TX_TICK_MS - 1) / WD_TX_TICK_MS;
-    txArmedTickMs = txSleepBaseMs + (ticks > 1 ? ticks : 1) * WD_TX_TICK_MS;
+    txArmedTickMs = wd_bufNextTick(txSleepBaseMs, nowMs);
     // nowUs is rounded down, so the timer never fires before the boundary. A
     // boundary already reached is woken for at once.
     int64_t ns = (txArmedTickMs * 1000 - nowUs) * 1000;

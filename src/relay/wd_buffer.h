@@ -108,6 +108,9 @@ void wd_bufSetReload(void);
 // sees the other: a line never waits without a wake. Guarded by a lock of its
 // own, never held together with another.
 #define WD_TX_TICK_MS 300
+// The first boundary of the schedule that started at `baseMs` at or after
+// `nowMs`, never the base itself: ticks stay 300 ms apart.
+int64_t wd_bufNextTick(int64_t baseMs, int64_t nowMs);
 // Transmit thread: it sleeps without work from now on; its schedule started
 // at the monotonic millisecond tickBaseMs.
 void wd_bufTxSleeps(int timerFd, int64_t tickBaseMs);

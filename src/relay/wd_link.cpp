@@ -451,8 +451,7 @@ void* wd_bufTxHandler(void*) {
       if (HasWork()) {
         wd_bufTxWakesUp();
         busy = true;
-        int64_t ticks = (now - tickBase + kTickMs - 1) / kTickMs;  // at least one
-        nextTick = armed >= 0 ? armed : tickBase + (ticks > 1 ? ticks : 1) * kTickMs;
+        nextTick = armed >= 0 ? armed : wd_bufNextTick(tickBase, now);
         if (nextTick > now) continue;
       }
     }
