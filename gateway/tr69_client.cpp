@@ -42,6 +42,7 @@
 
 #include "libwdfunc.h"
 #include "peer_log.h"
+#include "peer_wire.h"
 #include "tcapi.h"
 
 namespace {
@@ -66,7 +67,7 @@ void Tell(uint32_t type) {
   wdCmdMsg msg = {};
   msg.signaltype = type;
   msg.sequenceNumber = kModTr069;
-  if (SendSigToApp(WD_CMD_SOCK_PATH, &msg) < 0)
+  if (peer::SendToDaemon(WD_CMD_SOCK_PATH, msg, nullptr) < 0)
     PeerLog(kLogPath, "command %u lost: %s", type, strerror(errno));
 }
 

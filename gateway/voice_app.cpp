@@ -12,7 +12,8 @@
 // number stops that and asks for an interval record now. Answers go to
 // WD_CMD_SOCK_PATH, one datagram each: a wdCmdMsg (MSG_QORVWATCHDOG_QUERY,
 // sequenceNumber 7 statistics or 8 registration, wordData 1), then the record
-// in native byte order, the 23 words of Word or counter and status. Without a
+// in the device's byte order (gateway/peer_wire.h), the 23 words of Word or
+// counter and status. Without a
 // daemon the answer is lost, as for any peer.
 //
 // The line: an answered call carries 50 packets of 172 bytes a second each way
@@ -59,6 +60,7 @@
 #include <vector>
 
 #include "libwdfunc.h"
+#include "peer_wire.h"
 #include "tcapi.h"
 #include "wd_wire.h"
 
@@ -150,13 +152,14 @@ void CountAnswered(Tally& t, bool in) {
 
 // Sends one answer to the daemon; `what` describes it in the log.
 void Answer(uint16_t mod, const int32_t* words, size_t count, const std::string& what) {
-  Datagram msg = {};
-  msg.head.signaltype = MSG_QORVWATCHDOG_QUERY;
-  msg.head.sequenceNumber = mod;
-  msg.head.wordData = 1;
-  msg.head.dataLength = static_cast<uint32_t>(count * sizeof(int32_t));
-  memcpy(msg.words, words, count * sizeof(int32_t));
-  if (SendSigToApp(WD_CMD_SOCK_PATH, &msg.head) < 0)
+  wdCmdMsg head = {};
+  head.signaltype = MSG_QORVWATCHDOG_QUERY;
+  head.sequenceNumber = mod;
+  head.wordData = 1;
+  head.dataLength = static_cast<uint32_t>(count * sizeof(int32_t));
+  int32_t device[kWords];
+  for (size_t i = 0; i < count && i < kWords; ++i) device[i] = peer::Device32(words[i]);
+  if (peer::SendToDaemon(WD_CMD_SOCK_PATH, head, device) < 0)
     Log("answer lost: SendSigToApp: %s (%s)", strerror(errno), what.c_str());
   else
     Log("answer %s", what.c_str());
@@ -288,6 +291,7 @@ class VoiceApp {
     msg.head.wordData = 1;
     msg.head.dataLength = 2 * sizeof(int32_t);  // counter 0, status 0: registered
     size_t size = sizeof msg.head + msg.head.dataLength;
+    msg.head = peer::DeviceHead(msg.head);
     int64_t sent = 0;
     while (sent < count && sendto(fd, &msg, size, 0, reinterpret_cast<sockaddr*>(&addr),
                                   sizeof addr) == static_cast<ssize_t>(size)) {

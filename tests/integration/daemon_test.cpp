@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "gateway.h"
+#include "peer_wire.h"
 
 using gw::Count;
 using gw::Daemon;
@@ -141,7 +142,7 @@ TEST(Commands, ABurstToThreeModulesArrivesWholeAndInOrderWhileQueriesAreAnswered
   for (uint32_t n = 0; n < kBurst; ++n) {
     for (const Target& t : targets) {
       unsigned char cmd[16 + 8];
-      wdCmdMsg head = {t.type, static_cast<uint16_t>(t.mod), 0, t.word, 8};
+      wdCmdMsg head = peer::DeviceHead({t.type, static_cast<uint16_t>(t.mod), 0, t.word, 8});
       memcpy(cmd, &head, sizeof head);
       memcpy(cmd + 16, &n, sizeof n);
       memset(cmd + 20, 0, 4);

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <thread>
 
+#include "peer_wire.h"
 #include "tcapi.h"
 
 namespace gw {
@@ -39,8 +40,6 @@ bool Readable(int fd, int timeoutMs) {
   return rc > 0;
 }
 
-std::string Emulator() { return getenv("WD_EMULATOR") ? getenv("WD_EMULATOR") : ""; }
-
 // Starts `argv` as a child; its standard error and output go to `err` and
 // `out` when they are given.
 pid_t Spawn(const std::vector<std::string>& argv, const char* err = nullptr,
@@ -60,18 +59,6 @@ pid_t Spawn(const std::vector<std::string>& argv, const char* err = nullptr,
 
 }  // namespace
 
-std::string Installed(const std::string& program) {
-  return Emulator().empty() ? program : Emulator() + " /opt/watchdogd/bin/" + program;
-}
-
-uint32_t FromTarget(uint32_t raw) {
-  const uint32_t one = 1;
-  bool hostBig = *reinterpret_cast<const unsigned char*>(&one) == 0;
-  const char* endian = getenv("WD_TARGET_ENDIAN");
-  bool targetBig = endian != nullptr ? strcmp(endian, "big") == 0 : hostBig;
-  return targetBig == hostBig ? raw : __builtin_bswap32(raw);
-}
-
 std::vector<std::string> Faketime(int speed) {
   const char* asan = getenv("ASAN_OPTIONS");
   return {"/usr/bin/env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
@@ -80,10 +67,7 @@ std::vector<std::string> Faketime(int speed) {
 }
 
 bool Daemon::Start(const std::vector<std::string>& args, bool waitReady) {
-  std::vector<std::string> argv;
-  std::istringstream emulator(Emulator());
-  for (std::string word; emulator >> word;) argv.push_back(word);
-  if (argv.empty()) argv = faketime_;  // the emulator's own waits would not be scaled
+  std::vector<std::string> argv = faketime_;
   argv.push_back("/opt/watchdogd/sbin/watchdogd");
   argv.insert(argv.end(), args.begin(), args.end());
   rmdir("/var/wd_tmp");
@@ -151,8 +135,8 @@ bool SendToChannel(const std::string& path, const void* bytes, size_t len) {
 
 bool SendCommand(uint32_t type, uint16_t mod, uint32_t word, const std::vector<unsigned char>& data,
                  int64_t dataLength) {
-  wdCmdMsg head = {type, mod, 0, word,
-                   static_cast<uint32_t>(dataLength < 0 ? data.size() : dataLength)};
+  wdCmdMsg head = peer::DeviceHead(
+      {type, mod, 0, word, static_cast<uint32_t>(dataLength < 0 ? data.size() : dataLength)});
   std::vector<unsigned char> bytes(sizeof head + data.size());
   memcpy(bytes.data(), &head, sizeof head);
   if (!data.empty()) memcpy(bytes.data() + sizeof head, data.data(), data.size());
@@ -165,6 +149,8 @@ wdMsg Event(int eventType, int destMod, const std::string& payload) {
   msg.destMod = destMod;
   memcpy(msg.data, payload.data(), std::min(payload.size(), sizeof msg.data));
   msg.datalen = static_cast<uint8_t>(std::min<size_t>(payload.size(), 255));
+  msg.eventType = peer::Device32(msg.eventType);
+  msg.destMod = peer::Device32(msg.destMod);
   return msg;
 }
 
@@ -179,6 +165,7 @@ bool ResultSocket::Receive(wdCmdMsg* reply, int timeoutMs) {
   unsigned char buf[600];
   if (!Readable(fd_, timeoutMs) || recv(fd_, buf, sizeof buf, 0) < 16) return false;
   memcpy(reply, buf, sizeof *reply);
+  *reply = peer::DeviceHead(*reply);  // the same swap back
   return true;
 }
 
@@ -198,8 +185,10 @@ ssize_t ChannelTap::Receive(wdMsg* msg, int timeoutMs, int event) {
     ssize_t n = recv(fd_, buf.data(), buf.size(), 0);
     *msg = wdMsg{};
     if (n > 0) memcpy(msg, buf.data(), std::min(static_cast<size_t>(n), sizeof *msg));
-    if (event == 0 || static_cast<int>(FromTarget(static_cast<uint32_t>(msg->eventType))) == event)
-      return n;
+    msg->eventType = peer::Device32(msg->eventType);
+    msg->srcMod = peer::Device32(msg->srcMod);
+    msg->destMod = peer::Device32(msg->destMod);
+    if (event == 0 || msg->eventType == event) return n;
   }
 }
 

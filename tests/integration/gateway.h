@@ -24,17 +24,13 @@
 
 namespace gw {
 
-// Programs of another target (MIPS) run through WD_EMULATOR, in the byte order
-// WD_TARGET_ENDIAN: the command line of a tool, a 32-bit field it wrote.
-std::string Installed(const std::string& program);
-uint32_t FromTarget(uint32_t raw);
-
 // env(1) and the settings that run a program under libfaketime `speed` times
 // faster, both clocks: the child only opens and execs.
 std::vector<std::string> Faketime(int speed);
 
-// The daemon as a child process, under libfaketime as `faketime` says (in real
-// time under an emulator).
+// The daemon as a child process, under libfaketime as `faketime` says. In a
+// gateway of the target's programs (gateway/gw-run, WD_EMULATOR) the daemon
+// runs under the emulator and the target's libfaketime.
 class Daemon {
  public:
   explicit Daemon(std::vector<std::string> faketime = Faketime(100))
@@ -70,10 +66,13 @@ void Stop(pid_t pid);  // SIGKILL to a child, then reaped
 
 int Bind(const std::string& path);  // a datagram socket bound at `path`, anything there removed
 
+// Records cross to the daemon in the device's byte order (gateway/peer_wire.h):
+// the functions below take and give this machine's.
 bool SendToChannel(const std::string& path, const void* bytes, size_t len);
 // A command to the daemon's socket; `dataLength` -1 is the data's own length.
 bool SendCommand(uint32_t type, uint16_t mod, uint32_t word = 0,
                  const std::vector<unsigned char>& data = {}, int64_t dataLength = -1);
+// An event as a module's channel takes it: in the device's order, to be sent as is.
 wdMsg Event(int eventType, int destMod, const std::string& payload = "");
 
 // The query reply socket /tmp/wd_result_sock.
