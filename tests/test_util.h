@@ -43,11 +43,15 @@ inline size_t Count(const std::string& text, const std::string& needle) {
   return n;
 }
 
-// The monotonic clock by system call, which libfaketime does not reach.
+// The monotonic clock by system call, which libfaketime does not reach. The
+// call fills two longs, also where time_t has 64 bits on a 32-bit target.
 inline int64_t RealMs() {
-  timespec ts;
+  struct {
+    long sec;
+    long nsec;
+  } ts;
   syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+  return static_cast<int64_t>(ts.sec) * 1000 + ts.nsec / 1000000;
 }
 
 // Sleeps `ms` of real time, also in a process whose sleeps libfaketime

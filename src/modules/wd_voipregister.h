@@ -20,6 +20,7 @@ typedef struct VoipRegisterReply {
 
 #ifdef __cplusplus
 static_assert(sizeof(VoipRegisterReply) == 8, "VoipRegisterReply is 8 bytes");
+static_assert(offsetof(VoipRegisterReply, RegisterSIPStatus) == 4, "RegisterSIPStatus at 4");
 #endif
 
 // The alarm prefix for a status while the improper-configuration switch is

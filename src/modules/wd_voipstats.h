@@ -38,6 +38,13 @@ typedef struct VoipStatsReply {
 
 #ifdef __cplusplus
 static_assert(sizeof(VoipStatsReply) == 92, "VoipStatsReply is 92 bytes");
+// The call times stay 32-bit words whatever the width of time_t.
+static_assert(offsetof(VoipStatsReply, CallStartTime) == 0 &&
+                  sizeof(VoipStatsReply{}.CallStartTime) == 4,
+              "CallStartTime: 32 bits at 0");
+static_assert(offsetof(VoipStatsReply, CallEndTime) == 4 &&
+                  sizeof(VoipStatsReply{}.CallEndTime) == 4,
+              "CallEndTime: 32 bits at 4");
 static_assert(offsetof(VoipStatsReply, IncomingCallsReceived) == 36, "word 9 at 36");
 static_assert(offsetof(VoipStatsReply, ServerDownTime) == 76, "word 19 at 76");
 #endif

@@ -237,7 +237,7 @@ unsigned Sleep(int64_t until, int pidWatch, int tickTimer) {
       continue;
     }
     if (ret < 0) {
-      timespec rest = {wait.tv_sec, wait.tv_usec * 1000};
+      timespec rest = {wait.tv_sec, static_cast<long>(wait.tv_usec) * 1000};
       nanosleep(&rest, nullptr);
       return kWaitFailed;
     }
