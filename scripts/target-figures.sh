@@ -12,7 +12,8 @@
 #       first minute is in it)
 #
 # Builds (RelWithDebInfo, without tests) into build-target/mips and, for the
-# gateway's simulated peers, build-target/native.
+# gateway's simulated peers, build-target/native; for the sizes also a
+# MinSizeRel MIPS build, build-target/mips-size.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 . "$top/scripts/lib.sh"
@@ -30,10 +31,13 @@ dir="$top/build-target"
 emu="qemu-mips -L /usr/mips-linux-gnu"
 start=$SECONDS
 
-echo "building (RelWithDebInfo, no tests): the MIPS programs and this machine's, at -j2..." >&2
+echo "building (no tests, at -j2): MIPS and this machine's RelWithDebInfo, MIPS MinSizeRel..." >&2
 wd_build -j 2 -i "$dir/mips" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWD_BUILD_TESTS=OFF \
   -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake"
 wd_build -j 2 -i "$dir/native" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWD_BUILD_TESTS=OFF
+# For the sizes only: the smallest build, as the benchmark beside monit takes it.
+wd_build -j 2 -i "$dir/mips-size" -DCMAKE_BUILD_TYPE=MinSizeRel -DWD_BUILD_TESTS=OFF \
+  -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake"
 # The emulator's own share: a MIPS program that prints the least thread stack
 # its C library allows, then sleeps.
 cat > "$dir/idle.c" << 'EOF'
@@ -47,17 +51,19 @@ int main(void) {
 EOF
 mips-linux-gnu-gcc -O2 -o "$dir/idle-mips" "$dir/idle.c"
 
-echo "== stripped sizes, MIPS (RelWithDebInfo, mips-linux-gnu-strip) =="
+echo "== stripped sizes, MIPS (mips-linux-gnu-strip), in bytes =="
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-total=0
+printf '%-20s %14s %14s\n' file RelWithDebInfo MinSizeRel
 for f in sbin/watchdogd bin/wdctl bin/tcapi lib/libtcapi.so lib/libwdfunc.so; do
-  mips-linux-gnu-strip -o "$tmp/x" "$dir/mips/stage/$f"
-  n=$(stat -c %s "$tmp/x")
-  total=$((total + n))
-  awk -v f="$f" -v n="$n" 'BEGIN { printf "%-20s %8d bytes %6.1f KiB\n", f, n, n / 1024 }'
-done
-awk -v n="$total" 'BEGIN { printf "%-20s %8d bytes %6.1f KiB\n", "total", n, n / 1024 }'
+  sizes=()
+  for b in mips mips-size; do
+    mips-linux-gnu-strip -o "$tmp/x" "$dir/$b/stage/$f"
+    sizes+=("$(stat -c %s "$tmp/x")")
+  done
+  printf '%-20s %14d %14d\n' "$f" "${sizes[@]}"
+done | awk '{ print; a += $2; b += $3 }
+  END { printf "%-20s %14d %14d\n%-20s %14.1f %14.1f\n", "total", a, b, "total, KiB", a / 1024, b / 1024 }'
 
 # In a gateway: every module configured (the simulation's configure_modules),
 # the service processes, the voice application and the TR-069 client; the
