@@ -77,7 +77,7 @@ fail() { echo "in-gateway: $*" >&2; exit 1; }
 . /gw/sim/lib.sh
 if [ -n "$emu" ]; then
   # The target's tools run under the emulator wherever a script calls them.
-  mkdir /tmp/target-bin
+  mkdir /tmp/target-bin || fail "/tmp/target-bin exists"
   for p in tcapi wdctl; do
     printf '#!/bin/sh\nexec %s /opt/watchdogd/bin/%s "$@"\n' "$emu" $p > /tmp/target-bin/$p
     chmod +x /tmp/target-bin/$p
