@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Builds watchdogd and runs every test in the gateway sandbox: the plain build,
 # then the same suite under AddressSanitizer + UndefinedBehaviorSanitizer, then
-# under ThreadSanitizer, then the gateway's target: the 32-bit big-endian MIPS
-# build's unit tests under qemu-mips, and a smoke test of its daemon, wdctl
-# and tcapi; then clang's lock discipline analysis (lockcheck: a build with
+# under ThreadSanitizer, then the gateway's target (mips): the 32-bit
+# big-endian MIPS build's unit tests and its in-process relay tests under
+# qemu-mips, then every integration test with its daemon, wdctl and tcapi under
+# qemu-mips and the target's libfaketime (scripts/target-faketime.sh) beside
+# this machine's peers; then clang's lock discipline analysis (lockcheck: a build with
 # -Wthread-safety as errors), a short run of every fuzz target (fuzz), the
 # install, the static build and the Debian package started in a gateway
 # (package), and a short run of the benchmark beside monit (bench), which
@@ -14,7 +16,8 @@
 #                                   package, bench
 #   scripts/test.sh --repeat N      every test, unit and integration, N times in a
 #                                   row (ctest --repeat until-fail:N) in plain, asan
-#                                   and tsan (or in the variants named after N)
+#                                   and tsan (or in the variants named after N, mips
+#                                   among them)
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 . "$top/scripts/lib.sh"
@@ -33,6 +36,10 @@ if [ ${#variants[@]} -eq 0 ]; then
   [ ${#repeat[@]} -eq 0 ] || variants=(plain asan tsan)
 fi
 
+# Tests of the relay inside the test's own process, which the native build
+# links: on the target they run as the target's test programs instead.
+native_only='^(RelayTest|RelayWake)[.]'
+
 build() {  # build DIR CMAKE-ARGS...
   wd_build -j "$jobs" -l 50 "$1" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${@:2}"
 }
@@ -43,7 +50,13 @@ for v in "${variants[@]}"; do
     plain) ;;
     asan) args=(-DWD_SANITIZE=address) ;;
     tsan) args=(-DWD_SANITIZE=thread) ;;
-    mips) args=(-DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake") ;;
+    mips)
+      # Its gateways run this machine's peers: the native build's, built first.
+      args=(-DCMAKE_TOOLCHAIN_FILE="$top/cmake/mips-linux-gnu.cmake"
+            -DWD_PEERS="$top/build-test-plain/gateway" -DWD_TARGET_FAKETIME="$top/build-target-faketime")
+      echo "=== plain build (the peers, and the tests that drive the target's programs) ==="
+      build "$top/build-test-plain"
+      "$top/scripts/target-faketime.sh" "$top/build-target-faketime" ;;
     lockcheck)
       echo "=== lockcheck build (clang -Wthread-safety) ==="
       build "$top/build-test-lockcheck" -DCMAKE_CXX_COMPILER=clang++ -DWD_THREAD_SAFETY=ON
@@ -70,15 +83,16 @@ for v in "${variants[@]}"; do
       UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
       TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
       ctest -j "$jobs" --output-on-failure --timeout 300 ${repeat[@]+"${repeat[@]}"})
-  if [ "$v" = mips ] && [ ${#repeat[@]} -eq 0 ]; then
-    # The target's programs, driven by this machine's smoke test.
-    echo "=== mips smoke test (daemon, wdctl, tcapi under qemu-mips) ==="
+  if [ "$v" = mips ]; then
+    # The integration suite with the target's programs: the native build's
+    # tests drive the target's daemon, wdctl and tcapi, which run under
+    # qemu-mips and the target's libfaketime; the peers are this machine's.
+    echo "=== mips integration tests (the target's programs under qemu-mips) ==="
     native="$top/build-test-plain"
-    [ -x "$native/tests/integration/target_smoke_test" ] || build "$native"
-    "$top/gateway/gw-run" --net --syslog --prefix "$dir/stage" --peers "$native/gateway" \
-      --ro "$top" --ro "$native" -- \
-      env WD_EMULATOR="qemu-mips -L /usr/mips-linux-gnu" WD_TARGET_ENDIAN=big \
-      "$native/tests/integration/target_smoke_test"
+    (cd "$native" && WD_EMULATOR="qemu-mips -L /usr/mips-linux-gnu" WD_TARGET_ENDIAN=big \
+        WD_TARGET_PREFIX="$dir/stage" WD_TARGET_FAKETIME="$top/build-target-faketime" \
+        ctest -j "$jobs" -L integration -E "$native_only" --output-on-failure --timeout 300 \
+        ${repeat[@]+"${repeat[@]}"})
   fi
 done
 echo "=== all tests passed: ${variants[*]} ==="
