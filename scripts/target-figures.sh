@@ -67,35 +67,26 @@ done | awk '{ print; a += $2; b += $3 }
 
 # In a gateway: every module configured (the simulation's configure_modules),
 # the service processes, the voice application and the TR-069 client; the
-# daemon without -d, as on the gateway. Arguments: the emulator (empty: this
-# machine's programs), this machine's platform libraries for the peers, the
-# MIPS idle program, the seconds to settle. Prints key=value lines.
+# daemon without -d, as on the gateway. For MIPS the gateway runs the target's
+# programs under qemu-mips (gw-run's WD_EMULATOR), with the same process id,
+# and the peers speak the device's byte order. Arguments: the emulator (empty:
+# this machine's programs), the MIPS idle program, the seconds to settle.
+# Prints key=value lines.
 cat > "$dir/in-gateway.sh" << 'EOF'
 set -u
-emu=$1 peerlibs=$2 idle=$3 settle=$4
+emu=$1 idle=$2 settle=$3
 fail() { echo "in-gateway: $*" >&2; exit 1; }
 . /gw/sim/lib.sh
-if [ -n "$emu" ]; then
-  # The target's tools run under the emulator wherever a script calls them.
-  mkdir /tmp/target-bin || fail "/tmp/target-bin exists"
-  for p in tcapi wdctl; do
-    printf '#!/bin/sh\nexec %s /opt/watchdogd/bin/%s "$@"\n' "$emu" $p > /tmp/target-bin/$p
-    chmod +x /tmp/target-bin/$p
-  done
-  PATH=/tmp/target-bin:$PATH
-else
-  peerlibs=""  # the installed libraries are this machine's own
-fi
 /gw/sim/services || fail "the service processes did not start"
 configure_modules
 ping -c 1 -W 2 192.168.1.100 > /dev/null
 ping -c 1 -W 2 192.168.1.101 > /dev/null
-LD_LIBRARY_PATH=$peerlibs voiceApp -c 40 2> /dev/null &
-$emu /opt/watchdogd/sbin/watchdogd 2> /tmp/watchdogd.stderr &
+voiceApp -c 40 2> /dev/null &
+/opt/watchdogd/sbin/watchdogd 2> /tmp/watchdogd.stderr &
 wd=$!
 /gw/sim/await --until test -d /var/wd_tmp || fail "watchdogd did not start"
 wdctl config ip_route > /dev/null  # route mode 2: starts the route monitor thread
-LD_LIBRARY_PATH=$peerlibs /userfs/bin/tr69 < /dev/null > /dev/null 2>&1 &
+/userfs/bin/tr69 < /dev/null > /dev/null 2>&1 &
 
 # Every module's thread runs (its query answers "running"), and the route
 # monitor has bound its netlink socket to the route group.
@@ -174,8 +165,9 @@ EOF
 echo "running the idle daemon, for MIPS under qemu-mips and for this machine, in two gateways:" \
   "30 s start, then $settle s (load now: $(cut -d' ' -f1-3 /proc/loadavg))" >&2
 run() {  # run PREFIX OUT EMULATOR
-  "$top/gateway/gw-run" --net --syslog --prefix "$1" --peers "$dir/native/gateway" --ro "$dir" -- \
-    sh "$dir/in-gateway.sh" "$3" "$dir/native/platform" "$dir/idle-mips" "$settle" > "$2"
+  env ${3:+WD_EMULATOR="$3" WD_TARGET_ENDIAN=big} \
+    "$top/gateway/gw-run" --net --syslog --prefix "$1" --peers "$dir/native/gateway" --ro "$dir" -- \
+    sh "$dir/in-gateway.sh" "$3" "$dir/idle-mips" "$settle" > "$2"
 }
 run "$dir/mips/stage" "$dir/mips.out" "$emu" & mips=$!
 run "$dir/native/stage" "$dir/native.out" "" & native=$!
