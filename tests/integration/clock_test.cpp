@@ -18,10 +18,11 @@ using gw::SetConfig;
 namespace {
 
 constexpr int64_t k2038 = int64_t{1} << 31;  // 2038-01-19 03:14:08 UTC
-constexpr int64_t kTenYears = 315532800;     // 1 January 2027 to 1 January 2037
+constexpr int64_t kTenYears = 315532800;     // 3652 days
 
 // env(1) with libfaketime preloaded and `settings` (FAKETIME*), as
-// gw::Faketime builds it.
+// gw::Faketime builds it. libfaketime reads a date in FAKETIME as local time:
+// TZ makes it UTC.
 std::vector<std::string> Faketime(const std::vector<std::string>& settings) {
   const char* asan = getenv("ASAN_OPTIONS");
   std::vector<std::string> env = {
