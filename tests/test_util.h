@@ -45,14 +45,15 @@ inline size_t Count(const std::string& text, const std::string& needle) {
 
 // The monotonic clock by system call, which libfaketime does not reach. The
 // call fills two longs, also where time_t has 64 bits on a 32-bit target.
-inline int64_t RealMs() {
+inline int64_t RealUs() {
   struct {
     long sec;
     long nsec;
   } ts;
   syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.sec) * 1000 + ts.nsec / 1000000;
+  return static_cast<int64_t>(ts.sec) * 1000000 + ts.nsec / 1000;
 }
+inline int64_t RealMs() { return RealUs() / 1000; }
 
 // Sleeps `ms` of real time, also in a process whose sleeps libfaketime
 // shortens ("x100"): the sleep is scaled up.

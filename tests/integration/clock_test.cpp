@@ -171,8 +171,10 @@ TEST(Across2038, ReportsTimersVoipIntervalsAndTheFlashCopy) {
 class CalendarStep : public ::testing::Test {
  protected:
   static constexpr const char* kFile = "/tmp/clock_test.faketime";
-  // Seconds between the periodic reports: long enough that a timer fired at
-  // the step itself shows as a gap of a second or less.
+  // Seconds between the periodic reports. A burst (timers fired at the step,
+  // or catching up on the stepped years) shows as reports in one second, a
+  // stall as a gap of two periods; a report made up to two seconds late on a
+  // busy machine is neither.
   static constexpr int kPeriod = 3;
 
   void SetUp() override {
@@ -236,14 +238,14 @@ class CalendarStep : public ::testing::Test {
       int64_t gap = after[i].seconds - after[i - 1].seconds;
       if (i < first) {
         EXPECT_FALSE(onNewCalendar(after[i])) << after[i].line;
-        EXPECT_GE(gap, kPeriod - 1) << after[i].line << ": a burst";
+        EXPECT_GE(gap, 1) << after[i].line << ": a burst";
         EXPECT_LE(gap, 2 * kPeriod - 1) << after[i].line;
       } else if (i == first) {
-        EXPECT_GE(gap - by, kPeriod - 1) << after[i].line << ": a burst at the step";
+        EXPECT_GE(gap - by, 1) << after[i].line << ": a burst at the step";
         EXPECT_LE(gap - by, 2 * kPeriod - 1) << after[i].line;
       } else {
         EXPECT_TRUE(onNewCalendar(after[i])) << after[i].line;
-        EXPECT_GE(gap, kPeriod - 1) << after[i].line << ": a burst";
+        EXPECT_GE(gap, 1) << after[i].line << ": a burst";
         EXPECT_LE(gap, 2 * kPeriod - 1) << after[i].line;
       }
     }

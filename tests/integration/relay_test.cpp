@@ -4,8 +4,6 @@
 // 180-second save timer pass in about a second; each case needs a process of
 // its own, as ctest gives it.
 #include <signal.h>
-#include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <thread>
@@ -167,13 +165,6 @@ TEST_F(RelayTest, FailureCountsAndAnswersForWhatIsNotThere) {
   ASSERT_TRUE(Drained());
 }
 
-// Real microseconds, past libfaketime.
-int64_t RealUs() {
-  timespec ts;
-  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
 // Several threads push while the transmit thread sleeps, sends, looks for more
 // work and goes to sleep: every line is sent. The last push of a round comes
 // at a moment swept across the thread's way to sleep, and each round drains
@@ -194,12 +185,12 @@ TEST_F(RelayTest, PushesRacingWithItsSleepAllGoOut) {
       pushers.emplace_back([&early, text, last = t == 3, delayUs = round % 60] {
         // Once the last line is marked sent, the thread sends it and then
         // looks for more work.
-        int64_t giveUp = RealUs() + 10000000;  // a lost wake leaves a line unsent
-        for (bool unsent = true; (unsent || (last && early < 3)) && RealUs() < giveUp;) {
+        int64_t giveUp = wdtest::RealUs() + 10000000;  // a lost wake leaves a line unsent
+        for (bool unsent = true; (unsent || (last && early < 3)) && wdtest::RealUs() < giveUp;) {
           wdLock lock(&bufMutex);
           unsent = bufNodeSearchUnsent1st(commBufList) != nullptr;
         }
-        for (int64_t from = RealUs(); last && RealUs() - from < delayUs;) {
+        for (int64_t from = wdtest::RealUs(); last && wdtest::RealUs() - from < delayUs;) {
         }
         EXPECT_EQ(wd_syslogStr(3, text.c_str()), 0);
         ++early;
