@@ -56,17 +56,19 @@ inline int SendToDaemon(const char* path, const wdCmdMsg& head, const void* data
   std::vector<unsigned char> bytes(sizeof head + head.dataLength);
   wdCmdMsg device = DeviceHead(head);
   memcpy(bytes.data(), &device, sizeof device);
-  if (head.dataLength > 0) memcpy(bytes.data() + sizeof head, data, head.dataLength);
+  if (head.dataLength > 0 && data != nullptr)
+    memcpy(bytes.data() + sizeof head, data, head.dataLength);
   sockaddr_un addr = {};
   addr.sun_family = AF_UNIX;
-  if (snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path) >= static_cast<int>(sizeof addr.sun_path)) {
+  if (snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path) >=
+      static_cast<int>(sizeof addr.sun_path)) {
     errno = ENAMETOOLONG;
     return -1;
   }
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
-  ssize_t n = sendto(fd, bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&addr),
-                     sizeof addr);
+  ssize_t n = sendto(fd, bytes.data(), bytes.size(), MSG_DONTWAIT,
+                     reinterpret_cast<sockaddr*>(&addr), sizeof addr);
   int saved = errno;
   close(fd);
   errno = saved;
