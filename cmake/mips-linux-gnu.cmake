@@ -6,11 +6,6 @@ set(CMAKE_SYSTEM_PROCESSOR mips)
 set(CMAKE_C_COMPILER mips-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER mips-linux-gnu-g++)
 set(WD_TARGET_SYSROOT /usr/mips-linux-gnu)
-# 64-bit time_t, timeval and stat fields on the 32-bit target (glibc 2.34 and
-# later), so that every time and file call of the C library works past
-# January 2038. The records the daemon exchanges hold no time_t or off_t.
-set(CMAKE_C_FLAGS_INIT "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
-set(CMAKE_CXX_FLAGS_INIT "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
 set(CMAKE_FIND_ROOT_PATH ${WD_TARGET_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

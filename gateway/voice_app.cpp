@@ -13,8 +13,7 @@
 // WD_CMD_SOCK_PATH, one datagram each: a wdCmdMsg (MSG_QORVWATCHDOG_QUERY,
 // sequenceNumber 7 statistics or 8 registration, wordData 1), then the record
 // in the device's byte order (gateway/peer_wire.h), the 23 words of Word or
-// counter and status. Without a
-// daemon the answer is lost, as for any peer.
+// counter and status. Without a daemon the answer is lost, as for any peer.
 //
 // The line: an answered call carries 50 packets of 172 bytes a second each way
 // and loses every 997th packet it receives. An interval record counts all since

@@ -89,7 +89,7 @@ for v in "${variants[@]}"; do
     # qemu-mips and the target's libfaketime; the peers are this machine's.
     echo "=== mips integration tests (the target's programs under qemu-mips) ==="
     native="$top/build-test-plain"
-    (cd "$native" && WD_EMULATOR="qemu-mips -L /usr/mips-linux-gnu" WD_TARGET_ENDIAN=big \
+    (cd "$native" && WD_EMULATOR="qemu-mips -L /usr/mips-linux-gnu" \
         WD_TARGET_PREFIX="$dir/stage" WD_TARGET_FAKETIME="$top/build-target-faketime" \
         ctest -j "$jobs" -L integration -E "$native_only" --output-on-failure --timeout 300 \
         ${repeat[@]+"${repeat[@]}"})

@@ -66,10 +66,10 @@ void Stop(pid_t pid);  // SIGKILL to a child, then reaped
 
 int Bind(const std::string& path);  // a datagram socket bound at `path`, anything there removed
 
-// Records cross to the daemon in the device's byte order (gateway/peer_wire.h):
-// the functions below take and give this machine's.
-bool SendToChannel(const std::string& path, const void* bytes, size_t len);
-// A command to the daemon's socket; `dataLength` -1 is the data's own length.
+// Records cross to the daemon in the device's byte order (gateway/peer_wire.h).
+bool SendToChannel(const std::string& path, const void* bytes, size_t len);  // bytes as they are
+// A command to the daemon's socket, its header given in this machine's order;
+// `dataLength` -1 is the data's own length.
 bool SendCommand(uint32_t type, uint16_t mod, uint32_t word = 0,
                  const std::vector<unsigned char>& data = {}, int64_t dataLength = -1);
 // An event as a module's channel takes it: in the device's order, to be sent as is.

@@ -6,6 +6,8 @@
 
 #include "wd_base.h"
 
+#include <sys/types.h>
+
 #include "unit_util.h"
 
 namespace {
@@ -82,6 +84,8 @@ TEST(NoFlashDevice, EveryReportRetriesAndGoesOutWithZeros) {
 }
 
 constexpr int64_t k2040 = 2208988800;  // 2040-01-01 00:00:00 UTC
+// Every build, the 32-bit target's too, has the C library's 64-bit times.
+static_assert(sizeof(time_t) == 8 && sizeof(off_t) == 8, "64-bit time_t and off_t");
 
 std::atomic<int> gFired{0};
 int Fired(int, int) { return gFired++; }
