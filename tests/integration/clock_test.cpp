@@ -14,22 +14,18 @@
 using gw::Daemon;
 using gw::FakeSyslog;
 using gw::SetConfig;
+using gw::Split;
 
 namespace {
 
 constexpr int64_t k2038 = int64_t{1} << 31;  // 2038-01-19 03:14:08 UTC
 constexpr int64_t kTenYears = 315532800;     // 3652 days
 
-// env(1) with libfaketime preloaded and `settings` (FAKETIME*), as
-// gw::Faketime builds it. libfaketime reads a date in FAKETIME as local time:
-// TZ makes it UTC.
-std::vector<std::string> Faketime(const std::vector<std::string>& settings) {
-  const char* asan = getenv("ASAN_OPTIONS");
-  std::vector<std::string> env = {
-      "/usr/bin/env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1", "TZ=UTC"};
-  env.insert(env.end(), settings.begin(), settings.end());
-  env.push_back(std::string("ASAN_OPTIONS=verify_asan_link_order=0:") + (asan ? asan : ""));
-  return env;
+// libfaketime with `settings`. It reads a date in FAKETIME as local time: TZ
+// makes it UTC.
+std::vector<std::string> Faketime(std::vector<std::string> settings) {
+  settings.insert(settings.begin(), "TZ=UTC");
+  return gw::FaketimeWith(settings);
 }
 
 // A report line as the stub received it ("SIZE MARK#LINE#SEQ").
@@ -59,14 +55,6 @@ std::vector<Report> Received(FakeSyslog& stub, const std::string& category) {
 // Waits until the stub has `n` reports of `category`.
 bool WaitReceived(FakeSyslog& stub, const std::string& category, size_t n, int timeoutMs) {
   return gw::WaitUntil([&] { return Received(stub, category).size() >= n; }, timeoutMs);
-}
-
-std::vector<std::string> Split(const std::string& text, char sep) {
-  std::vector<std::string> out;
-  std::string field;
-  std::istringstream in(text);
-  while (std::getline(in, field, sep)) out.push_back(field);
-  return out;
 }
 
 // A 32-bit report field, printed signed, as the seconds it stands for near

@@ -60,10 +60,24 @@ pid_t Spawn(const std::vector<std::string>& argv, const char* err = nullptr,
 }  // namespace
 
 std::vector<std::string> Faketime(int speed) {
+  return FaketimeWith({"FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_FAKE_MONOTONIC=0"});
+}
+
+std::vector<std::string> FaketimeWith(const std::vector<std::string>& settings) {
   const char* asan = getenv("ASAN_OPTIONS");
-  return {"/usr/bin/env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
-          "FAKETIME=+0 x" + std::to_string(speed), "FAKETIME_DONT_FAKE_MONOTONIC=0",
-          std::string("ASAN_OPTIONS=verify_asan_link_order=0:") + (asan ? asan : "")};
+  std::vector<std::string> env = {"/usr/bin/env",
+                                  "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"};
+  env.insert(env.end(), settings.begin(), settings.end());
+  env.push_back(std::string("ASAN_OPTIONS=verify_asan_link_order=0:") + (asan ? asan : ""));
+  return env;
+}
+
+std::vector<std::string> Split(const std::string& text, char sep) {
+  std::vector<std::string> out;
+  std::string field;
+  std::istringstream in(text);
+  while (std::getline(in, field, sep)) out.push_back(field);
+  return out;
 }
 
 bool Daemon::Start(const std::vector<std::string>& args, bool waitReady) {

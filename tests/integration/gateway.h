@@ -27,6 +27,10 @@ namespace gw {
 // env(1) and the settings that run a program under libfaketime `speed` times
 // faster, both clocks: the child only opens and execs.
 std::vector<std::string> Faketime(int speed);
+// The same with libfaketime's own settings (FAKETIME* and the like).
+std::vector<std::string> FaketimeWith(const std::vector<std::string>& settings);
+
+std::vector<std::string> Split(const std::string& text, char sep);
 
 // The daemon as a child process, under libfaketime as `faketime` says. In a
 // gateway of the target's programs (gateway/gw-run, WD_EMULATOR) the daemon

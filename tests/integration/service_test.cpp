@@ -7,17 +7,10 @@
 using gw::Count;
 using gw::Reports;
 using gw::SetConfig;
+using gw::Split;
 using gw::WaitReports;
 
 namespace {
-
-std::vector<std::string> Split(const std::string& text, char sep) {
-  std::vector<std::string> out;
-  std::string field;
-  std::istringstream in(text);
-  while (std::getline(in, field, sep)) out.push_back(field);
-  return out;
-}
 
 class Services : public ::testing::Test {
  protected:
